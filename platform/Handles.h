@@ -1,0 +1,39 @@
+#pragma once
+
+#include <jansson.h>
+#include <unistd.h>
+
+#include <memory>
+#include <utility>
+
+// The C handles that this library holds, each with its owner.
+
+namespace platform_detail {
+
+struct JsonRelease {
+    void operator()(json_t* value) const { json_decref(value); }
+};
+
+/// Owns one reference to a JSON value.
+using JsonPointer = std::unique_ptr<json_t, JsonRelease>;
+
+/// Owns a file descriptor, or nothing where opening failed.
+class Descriptor {
+public:
+    explicit Descriptor(int number) : number_(number) {}
+    ~Descriptor() {
+        if (isOpen()) {
+            close(number_);
+        }
+    }
+    Descriptor(Descriptor&& other) noexcept : number_(std::exchange(other.number_, -1)) {}
+    Descriptor& operator=(Descriptor&&) = delete;
+
+    bool isOpen() const { return number_ >= 0; }
+    int get() const { return number_; }
+
+private:
+    int number_;
+};
+
+}  // namespace platform_detail

@@ -1,0 +1,85 @@
+#include <platform/Status.h>
+
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <map>
+#include <set>
+#include <stdexcept>
+#include <string>
+
+namespace {
+
+const std::map<int, std::string> TEXTS = {
+    {0, "success"},
+    {10, "base64 decoding failed"},
+    {12, "a file cannot be opened or is not valid"},
+    {13, "a file cannot be read"},
+    {20, "a required argument is missing or not valid"},
+    {36, "out of memory"},
+    {114, "the request failed unexpectedly"},
+    {117, "the session token is unknown to the authorization database"},
+    {220, "the authorization database failed"},
+    {7610, "a JSON document is malformed or incomplete"},
+    {8001, "the token has expired"},
+    {8002, "the token is not valid"},
+    {8007, "the public key cannot be used"},
+    {8022, "the registration failed and was rolled back"},
+    {8023, "the unregistration failed and was undone"},
+    {8024, "the final state could not be committed"},
+    {8025, "the rollback failed"},
+    {8030, "the bulk state update failed"},
+    {9103, "a JSON document holds an unexpected value"},
+    {9501, "the file lock was not granted in time"},
+    {9502, "the lock file cannot be opened, made or locked"},
+    {9503, "the file lock's mode is neither shared nor exclusive"},
+    {9511, "the settings file cannot be read"},
+    {9512, "the settings file is damaged"},
+    {9513, "a required setting is missing"},
+    {9514, "a setting is too long"},
+    {9521, "the percent-encoded text is malformed"},
+    {9522, "the error body is not a JSON object"},
+    {9523, "the error body has no usable error code"},
+};
+
+TEST(Status, EveryStatusOfTheProductHasItsText) {
+    for (const auto& [status, text] : TEXTS) {
+        EXPECT_EQ(text, getECmsg(status));
+    }
+}
+
+TEST(Status, NoTwoStatusesShareAText) {
+    std::set<std::string> texts;
+    for (const auto& [status, text] : TEXTS) {
+        EXPECT_TRUE(texts.insert(getECmsg(status)).second) << status;
+    }
+}
+
+TEST(Status, OneWithoutATextIsAnsweredWithItsNumber) {
+    EXPECT_EQ("unknown status 1", getECmsg(1));
+    EXPECT_EQ("unknown status -1", getECmsg(-1));
+    EXPECT_EQ("unknown status 2147483647", getECmsg(INT_MAX));
+    EXPECT_EQ("unknown status -2147483648", getECmsg(INT_MIN));
+}
+
+TEST(EcException, CarriesItsStatusAndTheStatussMessage) {
+    const EC_exception failure(7610);
+    EXPECT_EQ(7610, failure.status);
+    EXPECT_STREQ("a JSON document is malformed or incomplete", failure.what());
+}
+
+TEST(EcException, HasAMessageForAStatusThatNobodyKnows) {
+    EXPECT_STREQ("unknown status 8000", EC_exception(8000).what());
+}
+
+TEST(EcException, IsCaughtAsARuntimeError) {
+    std::string text;
+    try {
+        throw EC_exception(8001);
+    } catch (const std::runtime_error& failure) {
+        text = failure.what();
+    }
+    EXPECT_EQ("the token has expired", text);
+}
+
+}  // namespace
