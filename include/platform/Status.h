@@ -34,5 +34,17 @@ enum : int {
     TEXT_MALFORMED = 9521,       ///< percent-encoded text holds a "%" without two hexadecimal digits
     JSON_MALFORMED = 9522,       ///< an error body is not a JSON object
     JSON_MEMBER_MISSING = 9523,  ///< an error body has no 32-bit integer "errorCode"
+
+    DATABASE_NOT_CONFIGURED = 9531,    ///< the settings file has no connection string
+    DATABASE_UNREACHABLE = 9532,       ///< no connection to the database can be made
+    DATABASE_BUSY = 9533,              ///< no connection of the pool became free in time
+    DATABASE_STATEMENT_FAILED = 9534,  ///< the database refused a statement
+    DATABASE_TIMED_OUT = 9535,         ///< the database did not answer in time
+    DATABASE_CONNECTION_LOST = 9536,   ///< the connection to the database is lost
+    DATABASE_FETCH_FAILED = 9537,      ///< a row cannot be fetched
+    DATABASE_VALUE_TOO_LONG = 9538,    ///< a value does not fit into its column buffer
+    DATABASE_VALUE_UNUSABLE = 9539,    ///< a value is not of its column buffer's kind
+    DATABASE_MISUSED = 9540,           ///< a null pointer, a column outside its row buffer, an unknown kind
+    DATABASE_END_OF_ROWS = 2007031,    ///< there is no further row to fetch
 };
 }  // namespace platform_status

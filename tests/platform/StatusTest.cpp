@@ -40,6 +40,17 @@ const std::map<int, std::string> TEXTS = {
     {9521, "the percent-encoded text is malformed"},
     {9522, "the error body is not a JSON object"},
     {9523, "the error body has no usable error code"},
+    {9531, "no authorization database is configured"},
+    {9532, "no connection to the authorization database can be made"},
+    {9533, "no connection to the authorization database became free in time"},
+    {9534, "the authorization database refused a statement"},
+    {9535, "the authorization database did not answer in time"},
+    {9536, "the connection to the authorization database is lost"},
+    {9537, "a row cannot be fetched from the authorization database"},
+    {9538, "a value in the authorization database is too long"},
+    {9539, "a value in the authorization database is not of the expected kind"},
+    {9540, "the data-access layer was called with arguments that it cannot use"},
+    {2007031, "there are no more rows"},
 };
 
 TEST(Status, EveryStatusOfTheProductHasItsText) {
