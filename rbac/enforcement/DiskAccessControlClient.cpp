@@ -3,6 +3,7 @@
 #include "rbac/enforcement/ConstantAccessChecker.h"
 #include "rbac/enforcement/DiskAccessChecker.h"
 
+#include <jwt/JWTHandler.h>
 #include <platform/Logger.h>
 #include <rbac/EC_exception.h>
 
@@ -17,7 +18,6 @@ namespace {
 
 constexpr char TAG[] = "DiskAccessControlClient::createAccessChecker";
 constexpr int OUT_OF_MEMORY = 36;
-constexpr int TOKEN_INVALID = 8002;
 constexpr int ALL_POWERFUL_ROLE = 0;
 
 }  // namespace
@@ -28,13 +28,15 @@ DiskAccessControlClient::DiskAccessControlClient(const ObjectNamespace& scope,
 
 DiskAccessControlClient::~DiskAccessControlClient() = default;
 
-// No session token is accepted until this library can verify one.
-int DiskAccessControlClient::createAccessChecker(Tesmor::Dal::DbConnectionManager* /*db*/,
-                                                 const std::string& /*sessionToken*/,
-                                                 const ObjectNamespace& /*operation*/, int /*option*/,
-                                                 boost::shared_ptr<const AccessChecker>& /*checker*/) {
-    logmsgf(16, TAG, "Failed to extract role IDs from ID token, error=%d", TOKEN_INVALID);
-    return TOKEN_INVALID;
+int DiskAccessControlClient::createAccessChecker(Tesmor::Dal::DbConnectionManager* db, const std::string& sessionToken,
+                                                 const ObjectNamespace& operation, int option,
+                                                 boost::shared_ptr<const AccessChecker>& checker) {
+    std::set<int> roleIds;
+    if (const int status = JWTHandler().getRoleIds(db, sessionToken, roleIds); status != 0) {
+        logmsgf(16, TAG, "Failed to extract role IDs from ID token, error=%d", status);
+        return status;
+    }
+    return createAccessChecker(roleIds, operation, option, checker);
 }
 
 int DiskAccessControlClient::createAccessChecker(const std::set<int>& roleIds, const ObjectNamespace& operation,

@@ -1,0 +1,175 @@
+#include "InstallationPaths.h"
+#include "testing/LogCapture.h"
+#include "testing/TemporaryDirectory.h"
+
+#include <jwt/JWTHandler.h>
+#include <platform/Dal.h>
+
+#include <gmock/gmock.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <memory>
+
+// The command rbac-sandbox as people and scripts use it.
+
+using testing::ElementsAre;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::StartsWith;
+using testing_support::ScopedEnvironment;
+using testing_support::TemporaryDirectory;
+
+namespace {
+
+struct Result {
+    int status;
+    std::string output;  // of both streams
+};
+
+class SandboxCommandTest : public testing::Test {
+protected:
+    Result run(const std::string& arguments) const {
+        const std::string command = std::string(RBAC_SANDBOX) + " --folder " + folder_ + " " + arguments + " 2>&1";
+        // NOLINTNEXTLINE(cert-env33-c): the command is the test's own
+        const std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), [](FILE*) { return 0; });
+        std::string output;
+        char chunk[4096];
+        for (std::size_t count = 0; (count = fread(chunk, 1, sizeof chunk, pipe.get())) > 0;) {
+            output.append(chunk, count);
+        }
+        const int status = pclose(pipe.get());
+        return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output};
+    }
+
+    std::string succeed(const std::string& arguments) const {
+        const Result result = run(arguments);
+        EXPECT_EQ(result.status, 0) << arguments << "\n" << result.output;
+        return result.output;
+    }
+
+    /// The token that a command prints.
+    std::string issue(const std::string& arguments) const {
+        std::string token = succeed("tokens issue " + arguments);
+        EXPECT_THAT(token, EndsWith("\n"));
+        token.pop_back();
+        return token;
+    }
+
+    static int rolesOf(const std::string& token, std::set<int>& roles) {
+        const testing_support::LogCapture log;
+        return Tesmor::Arkwell::Rbac::JWTHandler().getRoleIds(nullptr, token, roles);
+    }
+
+    static int statusOf(const std::string& token) {
+        std::set<int> roles;
+        return rolesOf(token, roles);
+    }
+
+    TemporaryDirectory directory_;
+    std::string folder_ = directory_ / "sandbox";
+    std::string settings_ = directory_ / "platform.json";
+    ScopedEnvironment named_{"TARVO_PLATFORM_CONFIG", settings_.c_str()};
+};
+
+mode_t modeOf(const std::string& path) {
+    struct stat status {};
+    EXPECT_EQ(stat(path.c_str(), &status), 0) << path;
+    return status.st_mode & 07777;
+}
+
+}  // namespace
+
+TEST_F(SandboxCommandTest, IssuesTokensThatGiveTheUsersRoles) {
+    succeed("init");
+    EXPECT_EQ(succeed("users add alice --roles 3,7"), "alice: roles 3, 7\n");
+    std::set<int> roles;
+    EXPECT_EQ(rolesOf(issue("alice"), roles), 0);
+    EXPECT_THAT(roles, ElementsAre(3, 7));
+}
+
+TEST_F(SandboxCommandTest, IssuesTokensThatAreRefused) {
+    succeed("init");
+    succeed("users add alice --roles 3");
+    EXPECT_EQ(statusOf(issue("alice --lifetime -60")), 8001);
+    EXPECT_EQ(statusOf(issue("alice --forged")), 8002);
+    EXPECT_EQ(statusOf(issue("alice --unrecorded")), 117);
+}
+
+TEST_F(SandboxCommandTest, EndsSessions) {
+    succeed("init");
+    succeed("users add alice --roles 3");
+    const std::string token = issue("alice");
+    std::string id = succeed("tokens list");
+    id.pop_back();
+    EXPECT_EQ(id.size(), 32U);
+    succeed("tokens revoke " + id);
+    EXPECT_EQ(statusOf(token), 117);
+    EXPECT_EQ(succeed("tokens list"), "");
+}
+
+TEST_F(SandboxCommandTest, ListsUsers) {
+    succeed("init");
+    succeed("users add bob");
+    succeed("users add alice --roles 0");
+    succeed("users add host.example --machine --roles 2");
+    EXPECT_EQ(succeed("users list"), "alice: roles 0\nbob: roles none\nhost.example (machine): roles 2\n");
+    succeed("users remove bob");
+    const Result again = run("users remove bob");
+    EXPECT_EQ(again.status, 1);
+    EXPECT_EQ(again.output, "rbac-sandbox: there is no user bob\n");
+}
+
+TEST_F(SandboxCommandTest, KeepsItsSecretsFromOthers) {
+    succeed("init");
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(folder_)) {
+        EXPECT_EQ(modeOf(entry.path()), entry.is_directory() ? 0700U : 0600U) << entry.path();
+    }
+    EXPECT_EQ(modeOf(folder_), 0700U);
+    EXPECT_EQ(modeOf(settings_), 0600U);
+}
+
+TEST_F(SandboxCommandTest, RefusesToUseAKeyThatOthersMayRead) {
+    succeed("init");
+    succeed("users add alice");
+    ASSERT_EQ(chmod((folder_ + "/keys/jwtPrivateKey").c_str(), 0644), 0);
+    const Result result = run("tokens issue alice");
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.output, "rbac-sandbox: " + folder_ +
+                                 "/keys/jwtPrivateKey is open to others than its owner; take their permissions away "
+                                 "first\n");
+}
+
+TEST_F(SandboxCommandTest, DropsNoSandboxUnasked) {
+    succeed("init");
+    succeed("users add alice");
+    EXPECT_EQ(run("init").status, 1);
+    EXPECT_THAT(run("init").output, HasSubstr("is there already"));
+    EXPECT_EQ(succeed("users list"), "alice: roles none\n");
+    succeed("init --replace");
+    EXPECT_EQ(succeed("users list"), "");
+}
+
+TEST_F(SandboxCommandTest, SaysHowToMakeASandbox) {
+    const Result result = run("users list");
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.output, "rbac-sandbox: " + folder_ + " is no sandbox; make one with: rbac-sandbox init --folder " +
+                                 folder_ + "\n");
+}
+
+TEST_F(SandboxCommandTest, NamesAUserThatThereIsNot) {
+    succeed("init");
+    const Result result = run("tokens issue nobody");
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.output, "rbac-sandbox: there is no user nobody\n");
+}
+
+TEST_F(SandboxCommandTest, ExplainsEveryCommandWithAnExample) {
+    for (const char* command :
+         {"init", "users add", "users remove", "users list", "tokens issue", "tokens list", "tokens revoke"}) {
+        EXPECT_THAT(succeed(std::string(command) + " --help"), HasSubstr("Example:\n  rbac-sandbox ")) << command;
+    }
+    EXPECT_THAT(succeed("--help"), StartsWith("Stands in for the product's services"));
+}
