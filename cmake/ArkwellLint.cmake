@@ -16,7 +16,7 @@ foreach(source ${lint_sources})
     get_filename_component(stamp_dir ${stamp} DIRECTORY)
     file(MAKE_DIRECTORY ${stamp_dir})
     add_custom_command(OUTPUT ${stamp}
-        COMMAND ${CLANG_TIDY} --quiet -p ${PROJECT_BINARY_DIR} --extra-arg=-Wno-unknown-warning-option
+        COMMAND ${CLANG_TIDY} --quiet -p ${PROJECT_BINARY_DIR} --extra-arg=-Wno-unknown-warning-option --extra-arg=-DFUZZ_DATA=\"\"
                 ${PROJECT_SOURCE_DIR}/${source}
         COMMAND ${CMAKE_COMMAND} -E touch ${stamp}
         DEPENDS ${PROJECT_SOURCE_DIR}/${source} ${lint_headers} ${PROJECT_SOURCE_DIR}/.clang-tidy
