@@ -24,8 +24,11 @@ void Comparison::ReportRuns(const std::vector<Run>& runs) {
             const std::string name =
                 run.run_name.function_name + (run.threads > 1 ? "/threads:" + std::to_string(run.threads) : "");
             const auto iterations = static_cast<double>(run.iterations);
-            nanoseconds_[name].push_back(run.cpu_accumulated_time / iterations * 1e9);
-            perSecond_[name].push_back(static_cast<double>(run.threads) / (run.real_accumulated_time / iterations));
+            const bool realTime = run.run_name.time_type == "real_time";
+            const double seconds = realTime ? run.real_accumulated_time : run.cpu_accumulated_time;
+            nanoseconds_[name].push_back(seconds / iterations * 1e9);
+            // The iterations are those of all threads, the time is what one of them took.
+            perSecond_[name].push_back(iterations / run.real_accumulated_time);
         }
     }
     ConsoleReporter::ReportRuns(runs);

@@ -11,7 +11,8 @@ namespace bench {
 
 /// Prints the benchmarks of one run and then each figure as a ratio to its floor, which is another benchmark of the
 /// run. Of several repetitions the median counts. Times are processor times, which other work on the machine disturbs
-/// little; rates of several threads are per second of real time.
+/// little, except where a benchmark asks for real time, because it waits; rates of several threads are per second of
+/// real time.
 class Comparison : public benchmark::ConsoleReporter {
 public:
     /// The time of `name` is to be at most `limit` times that of `floor`.

@@ -1,13 +1,15 @@
-// Who may do what, asked of an access cache again and again while another process rewrites it.
+// Who may do what, asked with session tokens of an access cache, again and again while another process rewrites it.
 //
-// watch_access CACHE_DIRECTORY WATCHED_PATH --user NAME=ROLE,ROLE... --path PATH...
+// watch_access CACHE_DIRECTORY WATCHED_PATH TOKENS_FILE --path PATH...
 //
-// Prints a table of users, paths and operations, then checks until an answer about WATCHED_PATH turns, then prints the
-// table again and how fast it was.
+// The tokens file has a line "NAME TOKEN" for each user. Prints a table of users, paths and operations, then checks
+// until an answer about WATCHED_PATH turns, then prints the table again and how fast it was.
 
 #include "rbac/enforcement/DiskAccessControlClient.h"
 #include "sandbox/TreeImport.h"
 
+#include <platform/Dal.h>
+#include <platform/Status.h>
 #include <rbac/AccessCache.h>
 #include <rbac/OperationCache.h>
 
@@ -17,9 +19,9 @@
 #include <chrono>
 #include <exception>
 #include <filesystem>
+#include <fstream>
 #include <iomanip>
 #include <iostream>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -33,7 +35,7 @@ constexpr std::chrono::seconds LONGEST_WAIT{60};
 
 struct User {
     std::string name;
-    std::set<int> roles;
+    std::string sessionToken;
 };
 
 struct Arguments {
@@ -43,68 +45,87 @@ struct Arguments {
     std::vector<std::string> paths;
 };
 
-User parseUser(const std::string& text) {
-    const std::size_t equals = text.find('=');
-    User user{text.substr(0, equals), {}};
-    std::istringstream roles(equals == std::string::npos ? "" : text.substr(equals + 1));
-    for (std::string role; std::getline(roles, role, ',');) {
-        user.roles.insert(boost::lexical_cast<int>(role));
+/// The client with the connections that sessions are looked up over: both are made once in a program.
+struct Enforcement {
+    AccessControlClient& client;
+    Tesmor::Dal::DbConnectionManager& database;
+};
+
+std::vector<User> readUsers(const std::string& path) {
+    std::vector<User> users;
+    std::ifstream file(path);
+    for (User user; file >> user.name >> user.sessionToken;) {
+        users.push_back(user);
     }
-    return user;
+    if (users.empty()) {
+        throw std::runtime_error("no users in " + path);
+    }
+    return users;
 }
 
 Arguments parseArguments(const std::vector<std::string>& words) {
-    if (words.size() < 2) {
-        throw std::invalid_argument(
-            "usage: watch_access CACHE_DIRECTORY WATCHED_PATH [--user NAME=ROLES] [--path PATH]");
+    if (words.size() < 3) {
+        throw std::invalid_argument("usage: watch_access CACHE_DIRECTORY WATCHED_PATH TOKENS_FILE [--path PATH]...");
     }
-    Arguments arguments{words[0], words[1], {}, {}};
-    for (std::size_t i = 2; i + 1 < words.size(); i += 2) {
-        if (words[i] == "--user") {
-            arguments.users.push_back(parseUser(words[i + 1]));
-        } else if (words[i] == "--path") {
-            arguments.paths.push_back(words[i + 1]);
-        } else {
+    Arguments arguments{words[0], words[1], readUsers(words[2]), {}};
+    for (std::size_t i = 3; i + 1 < words.size(); i += 2) {
+        if (words[i] != "--path") {
             throw std::invalid_argument("unknown option " + words[i]);
         }
+        arguments.paths.push_back(words[i + 1]);
     }
     return arguments;
 }
 
-boost::shared_ptr<const AccessChecker> makeChecker(AccessControlClient& client, const User& user,
-                                                   const ObjectNamespace& operation) {
-    boost::shared_ptr<const AccessChecker> checker;
-    const int status = client.createAccessChecker(user.roles, operation, 0, checker);
-    if (status != 0) {
-        throw EC_exception(status);
-    }
-    if (!checker) {
+/// @return 0, or why the user gets no checker.
+int makeChecker(const Enforcement& enforcement, const User& user, const ObjectNamespace& operation,
+                boost::shared_ptr<const AccessChecker>& checker) {
+    const int status =
+        enforcement.client.createAccessChecker(&enforcement.database, user.sessionToken, operation, 0, checker);
+    if (status == 0 && !checker) {
         throw std::bad_alloc();
+    }
+    return status;
+}
+
+boost::shared_ptr<const AccessChecker> requireChecker(const Enforcement& enforcement, const User& user,
+                                                      const ObjectNamespace& operation) {
+    boost::shared_ptr<const AccessChecker> checker;
+    if (const int status = makeChecker(enforcement, user, operation, checker); status != 0) {
+        throw EC_exception(status);
     }
     return checker;
 }
 
-void printTable(AccessControlClient& client, const Arguments& arguments) {
-    const std::vector<std::pair<const char*, const ObjectNamespace*>> asked{
+/// What the user may do to the object, in words, or why the user is not let in.
+std::string describe(const Enforcement& enforcement, const User& user, const ObjectNamespace& object) {
+    const std::vector<std::pair<std::string, const ObjectNamespace*>> asked{
         {"VIEW", &operations::VIEW}, {"UPDATE", &operations::UPDATE}, {"DELETE", &operations::DELETE_NS}};
+    std::string text;
+    for (const auto& [name, operation] : asked) {
+        boost::shared_ptr<const AccessChecker> checker;
+        if (const int status = makeChecker(enforcement, user, *operation, checker); status != 0) {
+            return "refused with status " + std::to_string(status) + ": " + getECmsg(status);
+        }
+        text += (text.empty() ? "" : " ") + (checker->checkAccess(object) ? name : std::string(name.size(), '-'));
+    }
+    return text;
+}
+
+void printTable(const Enforcement& enforcement, const Arguments& arguments) {
     for (const std::string& path : arguments.paths) {
         std::cout << path << "\n";
         for (const User& user : arguments.users) {
-            std::cout << "    " << std::left << std::setw(12) << user.name;
-            for (const auto& [name, operation] : asked) {
-                const bool allowed =
-                    makeChecker(client, user, *operation)->checkAccess(Tesmor::Arkwell::Sandbox::namespaceOfPath(path));
-                std::cout << " " << (allowed ? name : std::string(std::string(name).size(), '-'));
-            }
-            std::cout << "\n";
+            std::cout << "    " << std::left << std::setw(12) << user.name << " "
+                      << describe(enforcement, user, Tesmor::Arkwell::Sandbox::namespaceOfPath(path)) << "\n";
         }
     }
 }
 
 /// Checks until the answer turns. Prints how many checks that took.
-void watch(AccessControlClient& client, const Arguments& arguments) {
+void watch(const Enforcement& enforcement, const Arguments& arguments) {
     const User& user = arguments.users.front();
-    const auto checker = makeChecker(client, user, operations::VIEW);
+    const auto checker = requireChecker(enforcement, user, operations::VIEW);
     const ObjectNamespace object = Tesmor::Arkwell::Sandbox::namespaceOfPath(arguments.watched);
     const bool before = checker->checkAccess(object);
     std::cout << "\nMay " << user.name << " VIEW " << arguments.watched << "? " << (before ? "yes" : "no")
@@ -123,8 +144,8 @@ void watch(AccessControlClient& client, const Arguments& arguments) {
               << " s the same checker says: " << (before ? "no" : "yes") << "\n";
 }
 
-double checksPerSecond(AccessControlClient& client, const Arguments& arguments) {
-    const auto checker = makeChecker(client, arguments.users.front(), operations::VIEW);
+double checksPerSecond(const Enforcement& enforcement, const Arguments& arguments) {
+    const auto checker = requireChecker(enforcement, arguments.users.front(), operations::VIEW);
     std::vector<ObjectNamespace> objects;
     for (const std::string& path : arguments.paths) {
         objects.push_back(Tesmor::Arkwell::Sandbox::namespaceOfPath(path));
@@ -146,10 +167,12 @@ void run(const Arguments& arguments) {
 
     OperationCache operationCache;
     DiskAccessControlClient client(manifest.objectNamespace(), cache, operationCache);
-    printTable(client, arguments);
-    watch(client, arguments);
+    Tesmor::Dal::DbConnectionManager database(1, 2, 0, 1, 30, 15, 40, Tesmor::Dal::USERID_AUTHORIZATION, false);
+    const Enforcement enforcement{client, database};
+    printTable(enforcement, arguments);
+    watch(enforcement, arguments);
     std::cout << "\n";
-    printTable(client, arguments);
+    printTable(enforcement, arguments);
 
     const auto size = [&arguments](const std::string& file) {
         return std::filesystem::file_size(arguments.cacheDirectory + "/" + file);
@@ -160,7 +183,7 @@ void run(const Arguments& arguments) {
                        size(AccessCache::NODE_FILE_NAME) + size(AccessCache::SEGMENT_FILE_NAME);
     std::cout << "\n"
               << cache->managedObjectCount() - 1 << " objects, " << nodes << " nodes, " << bytes << " bytes; opened in "
-              << std::setprecision(0) << opening << " us; " << checksPerSecond(client, arguments)
+              << std::setprecision(0) << opening << " us; " << checksPerSecond(enforcement, arguments)
               << " checks per second on one thread\n";
 }
 
