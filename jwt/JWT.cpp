@@ -24,8 +24,8 @@ constexpr char NOT_INITIALIZED[] = "JSON Payload Object is null. JWT Object is n
 constexpr char NOT_A_STRING[] = "JWT is invalid. JSON object is not of type string";
 constexpr char NOT_AN_INTEGER[] = "JWT is invalid. JSON object is not of type integer";
 
-int refuse(const char* tag, const char* text) {
-    logmsg(16, tag, text);
+int refuse(const char* who, const char* why) {
+    logmsg(16, who, why);
     return TOKEN_INVALID;
 }
 
@@ -69,6 +69,8 @@ int JWT::init(const std::string& token) {
     if (const int status = JWTUtil::tokenizeJWT(token, parts); status != 0) {
         return status;
     }
+    // Whatever becomes of this token, the claims of the one before are gone.
+    json_decref(std::exchange(payloadJson_, nullptr));
     header_ = std::move(parts[0]);
     payload_ = std::move(parts[1]);
     signature_ = std::move(parts[2]);
@@ -188,9 +190,19 @@ std::vector<std::string> splitSubject(std::string subject) {
     return components;
 }
 
+/// Sets the output to a copy; leaves it alone where the caller wants none or there is no memory for one.
+void handOut(const char* text, char** output) {
+    if (output == nullptr) {
+        return;
+    }
+    if (char* const copy = strdup(text)) {
+        *output = copy;
+    }
+}
+
 void handOut(const std::vector<std::string>& components, std::size_t index, char** output) {
-    if (index < components.size() && output != nullptr) {
-        *output = strdup(components[index].c_str());
+    if (index < components.size()) {
+        handOut(components[index].c_str(), output);
     }
 }
 
@@ -209,8 +221,8 @@ void withoutExceptions(const char* context, const Work& work) {
 void extractSubjectNT_C(const char* token, char** subject) {
     withoutExceptions("JWT::extractSubjectNT_C", [&] {
         const CText text = subjectOf(token);
-        if (text && subject != nullptr) {
-            *subject = strdup(text.get());
+        if (text) {
+            handOut(text.get(), subject);
         }
     });
 }

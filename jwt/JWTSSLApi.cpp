@@ -54,7 +54,10 @@ bool readPublicKey(const std::string& pem, const Trace& trace, KeyPointer& key) 
     if (!text) {
         return refuseKey("Could not create bio memory for public key");
     }
-    const RsaPointer rsa(PEM_read_bio_RSA_PUBKEY(text.get(), nullptr, nullptr, nullptr));
+    // An empty pass phrase, because without one OpenSSL would ask for it on the terminal if the text claimed to need
+    // it.
+    char noPassPhrase[] = "";
+    const RsaPointer rsa(PEM_read_bio_RSA_PUBKEY(text.get(), nullptr, nullptr, noPassPhrase));
     if (!rsa) {
         return refuseKey("Could not read public key");
     }
@@ -128,7 +131,11 @@ int JWTSSLApi::B64Encode(const unsigned char* data, int length, std::string& enc
     }
     BUF_MEM* memory = nullptr;
     BIO_get_mem_ptr(filter.get(), &memory);
-    encoded.assign(memory->data, memory->length);
+    try {
+        encoded.assign(memory->data, memory->length);
+    } catch (const std::bad_alloc&) {
+        return BASE64_FAILED;
+    }
     return 0;
 }
 
@@ -176,7 +183,6 @@ int JWTSSLApi::B64DecodeURL(const std::string& encoded, unsigned char*& decoded,
 int JWTSSLApi::getEVPPublicKey(const std::string& pem, EVP_PKEY*& key) {
     KeyPointer made;
     if (!readPublicKey(pem, Trace(), made)) {
-        key = nullptr;
         return KEY_UNUSABLE;
     }
     key = made.release();

@@ -148,10 +148,11 @@ int RBACDbQueryMgr::fetchCollectionCriteria(const std::set<int>& collectionKeys,
     long long count = 0;
     while ((status = query.fetch(row, collectionCriteriaBinding)) == 0) {
         ++count;
-        criteria.push_back(row.text(CRITERIA_OFFSET));
+        std::string text = row.text(CRITERIA_OFFSET);
         log.debug(6, 111, "collection key=", row.integer(4));
         log.debug(6, 112, "criteria id=", row.integer(0));
-        log.debug(6, 113, "fetched collection criteria=", criteria.back());
+        log.debug(6, 113, "fetched collection criteria=", text);
+        criteria.push_back(std::move(text));
     }
     log.debug(6, 120, "failed to fetch collection criteria record from database, error=", status);
     log.debug(3, 134, "total records read from the database ", count);

@@ -35,7 +35,7 @@ public:
 
     /// Makes a key from the PEM text of an RSA public key ("PUBLIC KEY").
     ///
-    /// @param key the caller releases it with EVP_PKEY_free(); not set on failure, except to null.
+    /// @param key the caller releases it with EVP_PKEY_free(); untouched on failure.
     /// @return 0, or 8007.
     static int getEVPPublicKey(const std::string& pem, EVP_PKEY*& key);
 

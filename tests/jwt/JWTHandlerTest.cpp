@@ -158,6 +158,21 @@ TEST_P(JWTHandlerTest, ReportsAnAuthorizationTokenThatIsMalformed) {
                                              LogLine{16, GET, "Failed to get role IDS, error=8002"}));
 }
 
+TEST_P(JWTHandlerTest, AddsToTheRolesThatAreThere) {
+    std::set<int> roles{9};
+    EXPECT_EQ(roleIds(login("a", unsignedToken(R"({"roles":[4],"exp":1})")), roles), 0);
+    EXPECT_EQ(roleIds(login("b", unsignedToken(R"({"roles":[5,"6"]})")), roles), 8002);
+    EXPECT_THAT(roles, ElementsAre(4, 5, 9));
+}
+
+TEST_P(JWTHandlerTest, LeavesTheTokenAloneWhenThereIsNone) {
+    const LogCapture log;
+    std::string token = "before";
+    EXPECT_EQ(JWTHandler().fetchAzToken(&manager_, signedToken(sessionClaims("unknown")), token), 117);
+    EXPECT_EQ(token, "before");
+    EXPECT_THAT(log.linesAt(16), ElementsAre(LogLine{16, FETCH, "Failed to fetch authorization token, error=117"}));
+}
+
 TEST_P(JWTHandlerTest, FetchesTheAuthorizationToken) {
     const std::string session = login("session", "the token");
     std::string token;

@@ -7,6 +7,7 @@
 #include <jwt/JWTSSLApi.h>
 
 #include <gmock/gmock.h>
+#include <openssl/err.h>
 
 #include <algorithm>
 #include <memory>
@@ -94,6 +95,21 @@ constexpr char TRACED[] = R"({"log": {"debugLevel": 6}})";
 
 const LogLine NOT_VERIFIED{16, VERIFY, "Failed to verify signature."};
 
+/// The same block under another label.
+std::string labelled(std::string pem, const std::string& label) {
+    const std::string usual = "PUBLIC KEY";
+    for (std::size_t at = 0; (at = pem.find(usual, at)) != std::string::npos; at += label.size()) {
+        pem.replace(at, usual.size(), label);
+    }
+    return pem;
+}
+
+/// Says of itself that it takes a pass phrase to read it.
+std::string encrypted(std::string pem) {
+    return pem.insert(pem.find('\n') + 1,
+                      "Proc-Type: 4,ENCRYPTED\nDEK-Info: AES-128-CBC,00112233445566778899AABBCCDDEEFF\n\n");
+}
+
 }  // namespace
 
 TEST(JWTSSLApiTest, EncodesStandardBase64WithPaddingAndWithoutLineBreaks) {
@@ -111,6 +127,12 @@ TEST(JWTSSLApiTest, EncodesNothingOfNoBytes) {
     EXPECT_EQ(JWTSSLApi::B64Encode(reinterpret_cast<const unsigned char*>(""), 0, text), 10);
     EXPECT_EQ(text, "before");
     EXPECT_THAT(log.lines(), ElementsAre(LogLine{16, "JWTSSL::B64Encode", "Could not write data to be encoded"}));
+}
+
+TEST(JWTSSLApiTest, EncodesNothingOfANegativeLength) {
+    std::string text = "before";
+    EXPECT_EQ(JWTSSLApi::B64Encode(reinterpret_cast<const unsigned char*>("bytes"), -1, text), 10);
+    EXPECT_EQ(text, "before");
 }
 
 TEST(JWTSSLApiTest, DecodesWhatItEncoded) {
@@ -185,13 +207,15 @@ TEST(JWTSSLApiTest, MakesAKeyOfItsPemText) {
 
 TEST(JWTSSLApiTest, MakesNoKeyOfOtherText) {
     const std::string pem = hostKey().publicPem();
-    for (const std::string& text :
-         {std::string(), std::string("no key"), hostKey().privatePem(),
-          testing_support::signedByNewEcKey(CLAIMS).publicPem, pem.substr(0, pem.size() / 2)}) {
+    for (const std::string& text : {std::string(), std::string("no key"), hostKey().privatePem(),
+                                    testing_support::signedByNewEcKey(CLAIMS).publicPem, pem.substr(0, pem.size() / 2),
+                                    labelled(pem, "RSA PUBLIC KEY"), labelled(pem, "CERTIFICATE"), encrypted(pem)}) {
         const LogCapture log;
-        EVP_PKEY* key = nullptr;
+        EVP_PKEY* const before = EVP_PKEY_new();
+        const KeyPointer owner(before);
+        EVP_PKEY* key = before;
         EXPECT_EQ(JWTSSLApi::getEVPPublicKey(text, key), 8007);
-        EXPECT_EQ(key, nullptr);
+        EXPECT_EQ(key, before);
         EXPECT_THAT(log.lines(), ElementsAre(LogLine{16, "CSSLApi::getEVPPublicKey", "Could not read public key"}));
     }
 }
@@ -320,4 +344,15 @@ TEST(JWTSSLApiTest, RefusesAHugeToken) {
 
 TEST(JWTSSLApiTest, VerifiesAHugeToken) {
     EXPECT_TRUE(verifies(signedToken(R"({"a":")" + tenMegabytesOf('x') + "\"}")));
+}
+
+TEST(JWTSSLApiTest, LeavesOpenSslsErrorsToTheirOwner) {
+    ERR_clear_error();
+    ERR_raise(ERR_LIB_USER, 42);
+    EXPECT_TRUE(verifies(signedToken(CLAIMS)));
+    EXPECT_EQ(ERR_GET_REASON(ERR_peek_error()), 42);
+    EXPECT_FALSE(verifies(testing_support::strangersKey().signToken(RS256_HEADER, CLAIMS)));
+    EXPECT_EQ(ERR_GET_REASON(ERR_peek_error()), 42);
+    EXPECT_NE(ERR_GET_REASON(ERR_peek_last_error()), 42);
+    ERR_clear_error();
 }

@@ -93,6 +93,24 @@ TEST(JWTTest, ParsesAgain) {
     EXPECT_EQ(subject, "second");
 }
 
+TEST(JWTTest, ForgetsTheTokenBeforeWhenTheNextIsMalformed) {
+    const std::pair<std::string, int> cases[] = {{"a.e30aa.c", 20}, {unsignedToken("[]"), JSON_INVALID}};
+    for (const auto& [token, status] : cases) {
+        const auto jwt = parsed(R"({"sub":"first"})");
+        EXPECT_EQ(jwt->init(token), status);
+        std::string subject;
+        EXPECT_EQ(jwt->getSubject(subject), TOKEN_INVALID);
+    }
+}
+
+TEST(JWTTest, ChangesNothingWhenTheNextIsNoToken) {
+    const auto jwt = parsed(R"({"sub":"first"})");
+    EXPECT_EQ(jwt->init("a.b"), TOKEN_INVALID);
+    std::string subject;
+    EXPECT_EQ(jwt->getSubject(subject), 0);
+    EXPECT_EQ(subject, "first");
+}
+
 TEST(JWTTest, RefusesATokenWithoutTwoDots) {
     const LogCapture log;
     for (const char* token : {"", "a", "a.b", "a.b.c.d", "a.b.c."}) {
@@ -312,6 +330,12 @@ TEST(JWTTest, CannotTellAMachineWithoutAClaimThatIsAString) {
     }
 }
 
+TEST(JWTTest, PassesTheStatusOfABadTokenOnWhenAskedForAMachine) {
+    bool isMachine = true;
+    EXPECT_EQ(JWT::isMachineCheck("a.e30aa.c", isMachine), 20);
+    EXPECT_EQ(JWT::isMachineCheck(unsignedToken("[]"), isMachine), JSON_INVALID);
+}
+
 TEST(JWTTest, CannotTellAMachineFromABadToken) {
     const LogCapture log;
     bool isMachine = true;
@@ -337,4 +361,35 @@ TEST(JWTTest, ExtractsNoSubjectFromATokenWithoutOne) {
     EXPECT_THAT(log.lines(),
                 ElementsAre(LogLine{16, "JWT::getSubject", "JWT is invalid. JSON object is not of type string"},
                             LogLine{16, "extractSubject", "JWT getSubject failed"}));
+}
+
+TEST(ExtractSubjectTest, HandsAMachinesSubjectOutWholeAndLogsIt) {
+    const LogCapture log;
+    char* first = nullptr;
+    char* second = nullptr;
+    char* third = nullptr;
+    extractSubject_C(unsignedToken(R"({"is_machine":"true","sub":"a:b"})").c_str(), &second, &first, &third);
+    EXPECT_STREQ(first, "a:b");
+    EXPECT_STREQ(second, "");
+    EXPECT_STREQ(third, "tm");
+    EXPECT_THAT(log.lines(), ElementsAre(LogLine{4, "JWT::extractSubject_C", "Machine certificate found"}));
+    for (char* text : {first, second, third}) {
+        free(text);  // NOLINT(cppcoreguidelines-no-malloc): as the entry point has it
+    }
+}
+
+TEST(ExtractSubjectTest, HandsNothingOutOfASubjectWithoutComponents) {
+    for (const char* payload : {R"({"is_machine":"false","sub":""})", R"({"is_machine":"false","sub":":::"})",
+                                R"({"is_machine":true,"sub":"a:b:c"})", R"({"is_machine":"false"})"}) {
+        char* outputs[3] = {};
+        extractSubject_C(unsignedToken(payload).c_str(), &outputs[0], &outputs[1], &outputs[2]);
+        EXPECT_THAT(outputs, ElementsAre(nullptr, nullptr, nullptr)) << payload;
+    }
+}
+
+TEST(ExtractSubjectTest, LeavesTheOutputAloneWithoutASubject) {
+    char before[] = "before";
+    char* subject = before;
+    extractSubjectNT_C(unsignedToken("{}").c_str(), &subject);
+    EXPECT_EQ(subject, before);
 }

@@ -74,6 +74,32 @@ TEST_P(RBACDbQueryMgrTest, FetchesTheTokenOfASession) {
     EXPECT_THAT(log.linesAt(16), IsEmpty());
 }
 
+TEST_P(RBACDbQueryMgrTest, AsksForTheTokenWithTheIdBound) {
+    const std::string session = login("session");
+    setDebugLevel(6);
+    const LogCapture log;
+    std::string token;
+    EXPECT_EQ(fetch(session, token), 0);
+    EXPECT_THAT(log.lines(), Contains(LogLine{2, "DbConnection::Execute",
+                                              "RBACDbQueryMgr::fetchAzToken: SELECT AzTokenValue FROM "
+                                              "AUTH_MAIN.AUTH_Access_Token_Details WHERE SessionTokenValue = ?"}));
+}
+
+TEST_P(RBACDbQueryMgrTest, TakesANullTokenForAnEmptyOne) {
+    execute("DROP TABLE AUTH_MAIN.AUTH_Access_Token_Details");
+    execute("CREATE TABLE AUTH_MAIN.AUTH_Access_Token_Details (SessionTokenValue VARCHAR(255), AzTokenValue TEXT)");
+    execute("INSERT INTO AUTH_MAIN.AUTH_Access_Token_Details VALUES ('session', NULL)");
+    std::string token = "before";
+    EXPECT_EQ(fetch(signedToken(sessionClaims("session")), token), 0);
+    EXPECT_EQ(token, "");
+}
+
+TEST_P(RBACDbQueryMgrTest, LooksATokenWhoseIdIsNoStringUpUnderAnEmptyOne) {
+    const LogCapture log;
+    EXPECT_EQ(failingFetch(signedToken(R"({"jti":7,"exp":9999999999999})")), 117);
+    EXPECT_EQ(linesOf(log, TOKEN).size(), 2U);
+}
+
 TEST_P(RBACDbQueryMgrTest, ReportsASessionThatTheDatabaseDoesNotKnow) {
     const LogCapture log;
     EXPECT_EQ(failingFetch(signedToken(sessionClaims("unknown"))), 117);
@@ -244,6 +270,14 @@ TEST_P(RBACDbQueryMgrTest, RefusesNoKeysAtAll) {
                 ElementsAre(LogLine{2, CRITERIA, "failed to execute SQL statement, error=9534(RBACDbQueryMgr:92)"}));
 }
 
+TEST_P(RBACDbQueryMgrTest, ReportsAMissingTableOfCriteria) {
+    execute("DROP TABLE AUTH_MAIN.ACTL_CollectionCriteria");
+    const LogCapture log;
+    EXPECT_EQ(fetchCriteria({1}, "host"), 220);
+    EXPECT_THAT(linesOf(log, CRITERIA),
+                ElementsAre(LogLine{2, CRITERIA, "failed to execute SQL statement, error=9534(RBACDbQueryMgr:92)"}));
+}
+
 TEST_P(RBACDbQueryMgrTest, KeepsTheCriteriaBeforeOneThatIsTooLong) {
     execute("DROP TABLE AUTH_MAIN.ACTL_CollectionCriteria");
     execute(
@@ -291,4 +325,23 @@ TEST_P(RBACDbConnectionMgrTest, TellsThatNoConnectionIsEstablished) {
     settings_.replace("{}");
     const LogCapture log;
     EXPECT_FALSE(RBACDbConnectionMgr(nullptr).connectionEstablished());
+}
+
+TEST(RBACDbQueryMgrBindingsTest, DescribeTheRows) {
+    using Tesmor::Arkwell::collectionCriteriaBinding;
+    const auto expectColumn = [](const Tesmor::Dal::DalOdbcView::BindingStruct& column, const char* name,
+                                 unsigned typeCode, unsigned offset, unsigned size) {
+        EXPECT_STREQ(column.name, name);
+        EXPECT_EQ(column.kind, typeCode << 16U);
+        EXPECT_EQ(column.offset, offset);
+        EXPECT_EQ(column.size, size);
+        EXPECT_EQ(column.length, 0);
+        EXPECT_EQ(column.value, nullptr);
+    };
+    expectColumn(RBACDbQueryMgr::accessTokenDetailsBinding[0], "AzTokenValue", 1000, 0, 32001);
+    expectColumn(collectionCriteriaBinding[0], "CriteriaID", 992, 0, 4);
+    expectColumn(collectionCriteriaBinding[1], "CollectionKey", 992, 4, 4);
+    expectColumn(collectionCriteriaBinding[2], "CriteriaJson", 1000, 8, 32768);
+    EXPECT_EQ(RBACDbQueryMgr::SELECT_ACCESS_TOKEN_DETAILS, "AzTokenValue");
+    EXPECT_EQ(RBACDbQueryMgr::SELECT_ACCESS_TOKEN_DETAILS_FROM, " FROM AUTH_MAIN.AUTH_Access_Token_Details");
 }

@@ -98,6 +98,18 @@ TEST_F(ValidatingJwtParserTest, RefusesEveryTokenWithoutAKeyFile) {
     EXPECT_EQ(parse(signedToken(expiring(nowInMilliseconds() + 60'000))), 8002);
 }
 
+TEST_F(ValidatingJwtParserTest, GivesNothingOfAGenuineTokenThatIsRefused) {
+    JWT other;
+    for (const auto& [payload, status] : {std::pair<std::string, int>{expiring(nowInMilliseconds() - 1), 8001},
+                                          {R"({"exp":1.7e12})", 8002},
+                                          {R"({"exp":"9999999999999"})", 8002},
+                                          {"[]", 7610}}) {
+        JWT* parsed = &other;
+        EXPECT_EQ(parser_->parseJwt(signedToken(payload), parsed), status) << payload;
+        EXPECT_EQ(parsed, nullptr) << payload;
+    }
+}
+
 TEST_F(ValidatingJwtParserTest, LeavesTheOutputAloneWhenTheSignatureIsBad) {
     JWT other;
     JWT* parsed = &other;

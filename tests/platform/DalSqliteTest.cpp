@@ -11,8 +11,6 @@ using namespace Tesmor::Dal;
 using std::chrono::seconds;
 using std::chrono::steady_clock;
 using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::SizeIs;
 using testing_support::failEachAllocation;
 using testing_support::LogCapture;
 using testing_support::TemporaryDirectory;

@@ -1,5 +1,6 @@
 #include "InstallationPaths.h"
 #include "jwt/AuthDatabaseFixture.h"
+#include "rbac/enforcement/ConstantAccessChecker.h"
 #include "rbac/enforcement/DiskAccessControlClient.h"
 #include "testing/RawCache.h"
 
@@ -84,6 +85,38 @@ TEST_P(SessionTokenTest, MakesACheckerOfTheSessionsRoles) {
     EXPECT_FALSE(checker->checkAccess(OBJECT));
 }
 
+TEST_P(SessionTokenTest, LetsRoleZeroDoEverythingAndNoRoleNothing) {
+    DiskAccessControlClient client(ObjectNamespace(), cache_, operations_);
+    boost::shared_ptr<const AccessChecker> checker;
+    ASSERT_EQ(client.createAccessChecker(&manager_, loginWithRoles("a", "0"), operations::VIEW, 0, checker), 0);
+    EXPECT_TRUE(checker->checkAccess(ObjectNamespace("NOT", "THERE")));
+    ASSERT_EQ(client.createAccessChecker(&manager_, loginWithRoles("b", ""), operations::VIEW, 0, checker), 0);
+    EXPECT_FALSE(checker->checkAccess(OBJECT));
+}
+
+TEST_P(SessionTokenTest, ConnectsByItselfWithoutAManager) {
+    DiskAccessControlClient client(ObjectNamespace(), cache_, operations_);
+    boost::shared_ptr<const AccessChecker> checker;
+    ASSERT_EQ(client.createAccessChecker(nullptr, loginWithRoles("a", "7"), operations::VIEW, 0, checker), 0);
+    EXPECT_TRUE(checker->checkAccess(OBJECT));
+}
+
+TEST_P(SessionTokenTest, RefusesASessionBeforeItLooksAtTheOperation) {
+    std::filesystem::remove(OPERATIONS_PATH);
+    DiskAccessControlClient client(ObjectNamespace(), cache_, operations_);
+    boost::shared_ptr<const AccessChecker> checker;
+    EXPECT_EQ(client.createAccessChecker(&manager_, "", operations::VIEW, 0, checker), 8002);
+    EXPECT_EQ(client.createAccessChecker(&manager_, loginWithRoles("a", "7"), operations::VIEW, 0, checker), 13);
+}
+
+TEST_P(SessionTokenTest, ReportsThatTheDatabaseFails) {
+    execute("DROP TABLE AUTH_MAIN.AUTH_Access_Token_Details");
+    DiskAccessControlClient client(ObjectNamespace(), cache_, operations_);
+    boost::shared_ptr<const AccessChecker> checker;
+    EXPECT_EQ(client.createAccessChecker(&manager_, signedToken(sessionClaims("a")), operations::VIEW, 0, checker),
+              220);
+}
+
 TEST_P(SessionTokenTest, AsksTheOverloadForRolesThatASubclassReplaces) {
     RecordingClient client(ObjectNamespace(), cache_, operations_);
     boost::shared_ptr<const AccessChecker> checker;
@@ -97,14 +130,16 @@ TEST_P(SessionTokenTest, MakesNoCheckerOfASessionThatIsRefused) {
         {signedToken(R"({"jti":"a","exp":1})"), 8001},
         {strangersKey().signToken("{}", sessionClaims("a")), 8002},
         {"", 8002},
-        {loginWithRoles("b", "\"7\""), 8002},
+        {loginWithRoles("b", "7,\"7\""), 8002},
+        {login("c", unsignedToken("[]")), 7610},
     };
     DiskAccessControlClient client(ObjectNamespace(), cache_, operations_);
     for (const auto& [session, status] : cases) {
         const LogCapture log;
-        boost::shared_ptr<const AccessChecker> checker;
+        const boost::shared_ptr<const AccessChecker> before = boost::make_shared<ConstantAccessChecker<false>>();
+        boost::shared_ptr<const AccessChecker> checker = before;
         EXPECT_EQ(client.createAccessChecker(&manager_, session, operations::VIEW, 0, checker), status);
-        EXPECT_FALSE(checker);
+        EXPECT_EQ(checker, before);
         EXPECT_EQ(log.lines().back(),
                   (LogLine{16, "DiskAccessControlClient::createAccessChecker",
                            "Failed to extract role IDs from ID token, error=" + std::to_string(status)}));
