@@ -46,5 +46,27 @@ enum : int {
     DATABASE_VALUE_UNUSABLE = 9539,    ///< a value is not of its column buffer's kind
     DATABASE_MISUSED = 9540,           ///< a null pointer, a column outside its row buffer, an unknown kind
     DATABASE_END_OF_ROWS = 2007031,    ///< there is no further row to fetch
+
+    HTTP_REQUEST_UNUSABLE = 9551,             ///< the host, port, path or API version holds what no request can carry
+    HTTP_FILE_UNREADABLE = 9552,              ///< the file to send cannot be read
+    HTTP_NAME_NOT_RESOLVED = 9553,            ///< the server's name has no address
+    HTTP_CONNECTION_REFUSED = 9554,           ///< nobody listens on the server's port
+    HTTP_HOST_UNREACHABLE = 9555,             ///< no way leads to the server
+    HTTP_CONNECT_TIMED_OUT = 9556,            ///< no connection came about in time
+    HTTP_TIMED_OUT = 9557,                    ///< the answer was not complete in time
+    HTTP_CA_FILE_UNUSABLE = 9558,             ///< the file of trusted issuers cannot be used
+    HTTP_CLIENT_CERTIFICATE_UNUSABLE = 9559,  ///< the host's certificate or key file cannot be used
+    HTTP_CLIENT_CERTIFICATE_REFUSED = 9560,   ///< the server refused the host's certificate, or the lack of one
+    HTTP_SERVER_ISSUER_UNKNOWN = 9561,        ///< no trusted issuer vouches for the server's certificate
+    HTTP_SERVER_NAME_WRONG = 9562,            ///< the server's certificate is for another name
+    HTTP_SERVER_CERTIFICATE_EXPIRED = 9563,   ///< the server's certificate, or an issuer's, has expired
+    HTTP_SERVER_CERTIFICATE_NOT_YET_VALID = 9564,  ///< the server's certificate, or an issuer's, is not valid yet
+    HTTP_SERVER_CERTIFICATE_UNUSABLE = 9565,       ///< the server's certificate is unacceptable for another reason
+    HTTP_TLS_FAILED = 9566,                        ///< the TLS handshake failed for another reason
+    HTTP_CONNECTION_CLOSED = 9567,                 ///< the server closed the connection without an answer
+    HTTP_RESPONSE_MALFORMED = 9568,                ///< the answer is cut short or is not HTTP
+    HTTP_RESPONSE_TOO_LARGE = 9569,                ///< the answer is larger than the settings allow
+    HTTP_OUT_OF_MEMORY = 9570,                     ///< memory ran out during a request
+    HTTP_FAILED = 9571,                            ///< a request failed for a reason that has no status
 };
 }  // namespace platform_status

@@ -1,0 +1,303 @@
+#include "platform/HttpConnection.h"
+
+#include "platform/HttpFailures.h"
+#include "platform/HttpSockets.h"
+
+#include <platform/Status.h>
+
+#include <dlfcn.h>
+#include <openssl/ssl.h>
+#include <poll.h>
+
+#include <algorithm>
+#include <chrono>
+#include <climits>
+#include <new>
+#include <utility>
+
+namespace platform_detail {
+
+namespace {
+
+constexpr std::size_t MAX_HEADER_BYTES = 262144;
+constexpr long NO_CONTENT = 204;
+constexpr long NOT_MODIFIED = 304;
+
+// libcurl's callbacks. No exception may pass through it.
+
+std::size_t onBody(const char* data, std::size_t /*one*/, std::size_t size, void* pointer) {
+    auto& exchange = *static_cast<HttpExchange*>(pointer);
+    std::string& body = exchange.response.body;
+    if (size > exchange.maxResponseBytes - body.size()) {
+        exchange.tooLarge = true;
+        return 0;
+    }
+    try {
+        body.append(data, size);
+        return size;
+    } catch (const std::exception&) {
+        exchange.outOfMemory = true;
+        return 0;
+    }
+}
+
+std::size_t onHeader(const char* line, std::size_t /*one*/, std::size_t size, void* pointer) {
+    auto& exchange = *static_cast<HttpExchange*>(pointer);
+    exchange.headerBytes += size;
+    exchange.headersEnded = size <= 2 && line[size - 1] == '\n';
+    exchange.tooLarge = exchange.headerBytes > MAX_HEADER_BYTES;
+    return exchange.tooLarge ? 0 : size;
+}
+
+std::size_t onUpload(char* buffer, std::size_t one, std::size_t capacity, void* pointer) {
+    const auto& exchange = *static_cast<HttpExchange*>(pointer);
+    const long count = exchange.upload->read(buffer, one * capacity);
+    return count < 0 ? CURL_READFUNC_ABORT : static_cast<std::size_t>(count);
+}
+
+// Called each time that the request is about to go out on a connection. libcurl sends a request again when a kept
+// connection breaks before any answer, whatever the method; the server may have acted on the first one by then.
+int onSend(void* pointer, char* /*remote*/, char* /*local*/, int /*remotePort*/, int /*localPort*/) {
+    auto& exchange = *static_cast<HttpExchange*>(pointer);
+    ++exchange.sendings;
+    exchange.resendRefused = exchange.sendings > 1 && !exchange.idempotent;
+    return exchange.resendRefused ? CURL_PREREQFUNC_ABORT : CURL_PREREQFUNC_OK;
+}
+
+curl_socket_t onOpenSocket(void* pointer, curlsocktype /*purpose*/, curl_sockaddr* address) {
+    try {
+        return HttpSockets::instance().open(*address);
+    } catch (const std::bad_alloc&) {
+        static_cast<HttpExchange*>(pointer)->outOfMemory = true;
+        return CURL_SOCKET_BAD;
+    }
+}
+
+int onCloseSocket(void* /*unused*/, curl_socket_t socket) {
+    HttpSockets::instance().close(socket);
+    return 0;
+}
+
+void onTlsEvent(const SSL* tls, int event, int value) {
+    auto* exchange = static_cast<HttpExchange*>(SSL_CTX_get_ex_data(SSL_get_SSL_CTX(tls), 0));
+    if ((event & SSL_CB_ALERT) == 0) {
+        return;
+    }
+    const int alert = value & 0xff;
+    if (alert == SSL_AD_CLOSE_NOTIFY) {
+        exchange->endAnnounced |= (event & SSL_CB_READ) != 0;
+    } else if ((event & SSL_CB_READ) != 0) {
+        exchange->tlsAlert = alert;
+    } else {
+        exchange->verification = SSL_get_verify_result(tls);
+    }
+}
+
+long curlMilliseconds(std::chrono::milliseconds time) {
+    return static_cast<long>(std::min<std::chrono::milliseconds::rep>(time.count(), INT_MAX));
+}
+
+CurlList headersOf(const HttpRequest& request) {
+    CurlList headers;
+    const auto add = [&headers](const std::string& line) {
+        curl_slist* longer = curl_slist_append(headers.get(), line.c_str());
+        if (longer == nullptr) {
+            throw std::bad_alloc();
+        }
+        // The list's beginning stays the same once there is one.
+        if (!headers) {
+            headers.reset(longer);
+        }
+    };
+    const bool hasBody = request.upload != nullptr || (request.text != nullptr && !request.text->empty());
+    add("Accept: " + request.mediaType);
+    add("Content-Type:" + (hasBody ? " " + request.mediaType : ""));
+    add("Expect:");
+    return headers;
+}
+
+// A resolver that does not answer in time is left behind in a thread of its own, which ends when it can; libcurl must
+// not be unloaded under it.
+void keepLibcurlLoaded() {
+    Dl_info found{};
+    if (dladdr(reinterpret_cast<void*>(&curl_easy_perform), &found) != 0) {
+        dlopen(found.dli_fname, RTLD_LAZY | RTLD_NOLOAD | RTLD_NODELETE);
+    }
+}
+
+bool isResolverLeftBehind(CURLcode code, CURL* handle) {
+    curl_off_t resolved = 0;
+    curl_easy_getinfo(handle, CURLINFO_NAMELOOKUP_TIME_T, &resolved);
+    return code == CURLE_OPERATION_TIMEDOUT && resolved == 0;
+}
+
+}  // namespace
+
+HttpConnection::HttpConnection(HttpPeer peer, std::shared_ptr<TlsSessions> sessions)
+    : peer_(std::move(peer)), sessions_(std::move(sessions)), handle_(curl_easy_init()) {
+    if (!handle_) {
+        throw std::bad_alloc();
+    }
+    setTerms();
+    setCallbacks();
+}
+
+template <class Value>
+void HttpConnection::set(CURLoption option, Value value) {
+    // In parentheses: the macro of that name wants to know the option when it is compiled.
+    const CURLcode code = (curl_easy_setopt)(handle_.get(), option, value);
+    if (code == CURLE_OUT_OF_MEMORY) {
+        throw std::bad_alloc();
+    }
+    // An option that is not in effect may be one that the others rely on, such as the only trusted issuers.
+    if (code != CURLE_OK) {
+        throw HttpFailure{platform_status::HTTP_FAILED, std::string("libcurl's options: ") + curl_easy_strerror(code)};
+    }
+}
+
+CURLcode HttpConnection::onTlsContext(CURL* /*handle*/, void* context, void* connection) {
+    auto* tls = static_cast<SSL_CTX*>(context);
+    auto& self = *static_cast<HttpConnection*>(connection);
+    // Number 0 is the one that belongs to the application.
+    if (SSL_CTX_set_ex_data(tls, 0, &self.exchange_) != 1) {
+        return CURLE_OUT_OF_MEMORY;
+    }
+    SSL_CTX_set_info_callback(tls, onTlsEvent);
+    const HostCertificate* certificate = self.peer_.files->hostCertificate.get();
+    return certificate == nullptr || certificate->giveTo(tls) ? CURLE_OK : CURLE_OUT_OF_MEMORY;
+}
+
+/// What holds for every request on this connection.
+void HttpConnection::setTerms() {
+    set(CURLOPT_PROTOCOLS_STR, "https");
+    set(CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
+    set(CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
+    set(CURLOPT_SSL_VERIFYPEER, 1L);
+    set(CURLOPT_SSL_VERIFYHOST, 2L);
+    set(CURLOPT_CAINFO, peer_.files->issuers.path.c_str());
+    set(CURLOPT_CAPATH, static_cast<const char*>(nullptr));  // else the system's issuers are trusted as well
+    set(CURLOPT_FOLLOWLOCATION, 0L);
+    set(CURLOPT_PATH_AS_IS, 1L);
+    set(CURLOPT_PROXY, "");
+    set(CURLOPT_NOPROXY, "*");
+    set(CURLOPT_NETRC, static_cast<long>(CURL_NETRC_IGNORED));
+    set(CURLOPT_NOSIGNAL, 1L);
+    set(CURLOPT_MAXCONNECTS, 1L);
+    set(CURLOPT_QUICK_EXIT, 1L);  // else a time limit that passes waits for the resolver to end
+    if (sessions_) {
+        set(CURLOPT_SHARE, sessions_->share());
+    } else {
+        set(CURLOPT_FORBID_REUSE, 1L);
+        set(CURLOPT_SSL_SESSIONID_CACHE, 0L);
+    }
+}
+
+void HttpConnection::setCallbacks() {
+    set(CURLOPT_ERRORBUFFER, error_.data());
+    set(CURLOPT_WRITEFUNCTION, onBody);
+    set(CURLOPT_WRITEDATA, &exchange_);
+    set(CURLOPT_HEADERFUNCTION, onHeader);
+    set(CURLOPT_HEADERDATA, &exchange_);
+    set(CURLOPT_READFUNCTION, onUpload);
+    set(CURLOPT_READDATA, &exchange_);
+    set(CURLOPT_PREREQFUNCTION, onSend);
+    set(CURLOPT_PREREQDATA, &exchange_);
+    set(CURLOPT_OPENSOCKETFUNCTION, onOpenSocket);
+    set(CURLOPT_OPENSOCKETDATA, &exchange_);
+    set(CURLOPT_CLOSESOCKETFUNCTION, onCloseSocket);
+    set(CURLOPT_SSL_CTX_FUNCTION, onTlsContext);
+    set(CURLOPT_SSL_CTX_DATA, this);
+}
+
+void HttpConnection::setLimits(const Settings::Http& limits) {
+    set(CURLOPT_CONNECTTIMEOUT_MS, curlMilliseconds(limits.connectTimeout));
+    set(CURLOPT_TIMEOUT_MS, curlMilliseconds(limits.timeout));
+    set(CURLOPT_MAXFILESIZE_LARGE,
+        static_cast<curl_off_t>(std::min<std::uint64_t>(limits.maxResponseBytes, LLONG_MAX)));
+}
+
+void HttpConnection::setBody(const HttpRequest& request) {
+    const bool isText = request.upload == nullptr;
+    set(CURLOPT_POST, 1L);
+    set(CURLOPT_POSTFIELDSIZE_LARGE,
+        isText ? static_cast<curl_off_t>(request.text->size()) : static_cast<curl_off_t>(request.upload->size()));
+    set(CURLOPT_POSTFIELDS, isText ? request.text->data() : nullptr);
+}
+
+void HttpConnection::setMethod(const HttpRequest& request) {
+    if (request.text != nullptr || request.upload != nullptr) {
+        setBody(request);
+    } else {
+        set(CURLOPT_HTTPGET, 1L);
+    }
+    set(CURLOPT_CUSTOMREQUEST, request.method.name);
+}
+
+curl_socket_t HttpConnection::socket() const {
+    curl_socket_t socket = CURL_SOCKET_BAD;
+    curl_easy_getinfo(handle_.get(), CURLINFO_ACTIVESOCKET, &socket);
+    return socket;
+}
+
+/// Whether nothing has come from the server since the last response. What comes then is a farewell, at best a ticket
+/// for the next TLS session.
+bool HttpConnection::isIdle() const {
+    pollfd readable{socket(), POLLIN, 0};
+    return readable.fd != CURL_SOCKET_BAD && poll(&readable, 1, 0) == 0;
+}
+
+/// Whether the body had no end but that of the connection, and nobody knows who ended that: libcurl takes it as whole.
+bool HttpConnection::isPerhapsCutShort() const {
+    if (exchange_.endAnnounced || socket() != CURL_SOCKET_BAD) {
+        return false;
+    }
+    curl_off_t length = 0;
+    curl_easy_getinfo(handle_.get(), CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &length);
+    curl_header* encoding = nullptr;
+    const bool encoded =
+        curl_easy_header(handle_.get(), "Transfer-Encoding", 0, CURLH_HEADER, -1, &encoding) == CURLHE_OK;
+    return length < 0 && !encoded && exchange_.response.status != NO_CONTENT &&
+           exchange_.response.status != NOT_MODIFIED;
+}
+
+/// What libcurl received and took as whole.
+HttpResponse HttpConnection::takeResponse() {
+    curl_easy_getinfo(handle_.get(), CURLINFO_RESPONSE_CODE, &exchange_.response.status);
+    if (!exchange_.headersEnded) {
+        throw HttpFailure{platform_status::HTTP_RESPONSE_MALFORMED, "the answer ends in its headers"};
+    }
+    if (isPerhapsCutShort()) {
+        throw HttpFailure{platform_status::HTTP_RESPONSE_MALFORMED, "the answer may have been cut short"};
+    }
+    return std::move(exchange_.response);
+}
+
+HttpResponse HttpConnection::perform(const HttpRequest& request, const Settings::Http& limits) {
+    exchange_ = HttpExchange();
+    exchange_.idempotent = request.method.idempotent;
+    exchange_.upload = request.upload;
+    exchange_.maxResponseBytes = limits.maxResponseBytes;
+    error_.front() = '\0';
+
+    const CurlList headers = headersOf(request);
+    set(CURLOPT_URL, request.url.c_str());
+    set(CURLOPT_HTTPHEADER, headers.get());
+    set(CURLOPT_FRESH_CONNECT, isIdle() ? 0L : 1L);
+    setMethod(request);
+    setLimits(limits);
+
+    const CURLcode code = curl_easy_perform(handle_.get());
+    if (isResolverLeftBehind(code, handle_.get())) {
+        keepLibcurlLoaded();
+    }
+    if (code != CURLE_OK) {
+        long systemError = 0;
+        curl_easy_getinfo(handle_.get(), CURLINFO_OS_ERRNO, &systemError);
+        // Closing reads what the server still had to say, such as why it refused a certificate.
+        handle_.reset();
+        throw httpFailure(code, systemError, exchange_, error_.data());
+    }
+    return takeResponse();
+}
+
+}  // namespace platform_detail

@@ -1,0 +1,64 @@
+#include "platform/HttpPeer.h"
+
+#include "platform/CoarseClock.h"
+#include "platform/HttpRequest.h"
+
+#include <platform/Status.h>
+
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <system_error>
+#include <utility>
+
+namespace platform_detail {
+
+namespace {
+
+StampedFile stamped(const Settings& settings, const char* setting, const std::string& path, int unusableStatus) {
+    if (path.empty()) {
+        throw HttpFailure{platform_status::SETTING_MISSING, "Error reading settings file " + settings.path + ": \"" +
+                                                                std::string(setting) + "\" is missing"};
+    }
+    struct stat file {};
+    if (stat(path.c_str(), &file) != 0) {
+        throw HttpFailure{unusableStatus, path + ": " + std::generic_category().message(errno)};
+    }
+    return {path,
+            {file.st_dev, file.st_ino, file.st_size, file.st_mtim.tv_sec, file.st_mtim.tv_nsec, file.st_ctim.tv_sec,
+             file.st_ctim.tv_nsec}};
+}
+
+TlsFiles stampedFiles(cert_type certificate, const Settings& settings) {
+    TlsFiles files;
+    files.issuers = stamped(settings, "tls.caFile", settings.tls.caFile, platform_status::HTTP_CA_FILE_UNUSABLE);
+    if (certificate == CERT_HOST) {
+        constexpr int UNUSABLE = platform_status::HTTP_CLIENT_CERTIFICATE_UNUSABLE;
+        files.certificate = stamped(settings, "tls.certFile", settings.tls.certFile, UNUSABLE);
+        files.key = stamped(settings, "tls.keyFile", settings.tls.keyFile, UNUSABLE);
+    }
+    return files;
+}
+
+}  // namespace
+
+std::shared_ptr<const TlsFiles> TlsFilesOnDisk::current(cert_type certificate,
+                                                        const std::shared_ptr<const Settings>& settings) {
+    Seen& seen = certificate == CERT_HOST ? withCertificate_ : without_;
+    const std::int64_t now = coarseNow();
+    if (seen.settings == settings && seen.at == now) {
+        return seen.files;
+    }
+    TlsFiles files = stampedFiles(certificate, *settings);
+    if (!seen.files || !(*seen.files == files)) {
+        if (certificate == CERT_HOST) {
+            files.hostCertificate = std::make_shared<HostCertificate>(files.certificate.path, files.key.path);
+        }
+        seen.files = std::make_shared<const TlsFiles>(std::move(files));
+    }
+    seen.settings = settings;
+    seen.at = now;
+    return seen.files;
+}
+
+}  // namespace platform_detail

@@ -1,0 +1,44 @@
+#pragma once
+
+#include <openssl/types.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace testing_support {
+
+/// A certificate and its private key, as the texts of PEM files.
+struct Certificate {
+    std::string certificate;
+    std::string key;
+};
+
+/// What a certificate is to say.
+struct CertificateRequest {
+    /// Subject alternative names, each "DNS:..." or "IP:...".
+    std::vector<std::string> names = {"DNS:localhost", "IP:127.0.0.1", "IP:::1"};
+    /// When it is valid, in days from now.
+    int fromDay = -1;
+    int toDay = 1;
+};
+
+/// Issues certificates with fresh P-256 keys.
+class CertificateAuthority {
+public:
+    explicit CertificateAuthority(const std::string& name = "test authority");
+
+    /// Its own certificate, as the text of a PEM file.
+    const std::string& certificate() const { return pem_; }
+    Certificate issue(const CertificateRequest& request = {}) const;
+
+private:
+    std::shared_ptr<EVP_PKEY> key_;
+    std::shared_ptr<X509> certificate_;
+    std::string pem_;
+};
+
+/// The private key encrypted with a password, as the text of a PEM file.
+std::string encryptedKey(const std::string& key, const std::string& password);
+
+}  // namespace testing_support
