@@ -48,6 +48,21 @@ public:
     AccessControlClient& operator=(const AccessControlClient&) = delete;
     virtual ~AccessControlClient();
 
+    /// Makes the client for this installation, once in a program or whenever the service may have another cache.
+    ///
+    /// Where the installation enforces access in the second generation, the access-control service on the primary
+    /// server is asked for the access cache that covers `scope`, and the cache is opened: every later check is local.
+    /// In the first generation nothing is asked, and the client's checkers allow everything.
+    ///
+    /// May be called from several threads. The clients share the operation cache of the process.
+    ///
+    /// @param scope the namespace whose objects are to be checked; the root for all.
+    /// @param client set on success, untouched on failure.
+    /// @return 0; the status of a failed name lookup or transport; 114: the service gave no cache, or the cache cannot
+    /// be opened for a reason without a status, or `scope` has no text form; 7610: its answer is not as it should be;
+    /// 12: the cache's manifest is invalid. Failures are logged.
+    static int create(const ObjectNamespace& scope, boost::shared_ptr<AccessControlClient>& client);
+
     /// Makes a checker for the user whose session token is given.
     ///
     /// @param db where the user's authorization token is looked up; null uses a connection manager of the library's

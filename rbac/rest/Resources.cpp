@@ -1,0 +1,29 @@
+#include "rbac/rest/Resources.h"
+
+#include "rbac/rest/Rbac2Curl.h"
+#include "rbac/rest/Rbac2Json.h"
+
+#include <platform/Logger.h>
+#include <rbac/EC_exception.h>
+
+namespace Tesmor::Arkwell::Rbac {
+
+std::string filtered(const std::string& url, const std::string& filter) {
+    return filter.empty() ? url : url + "?filter=" + encode_uri_part(filter);
+}
+
+boost::shared_ptr<json_t> parse_response(const std::string& body, const char* who) {
+    logmsgf(2, who, "Received JSON: %s", body.c_str());
+    return json_loads_shared(body);
+}
+
+const json_t* data_of(const json_t* document, const char* who) {
+    const json_t* const data = json_object_get(document, "data");
+    if (data == nullptr) {
+        logmsg(16, who, "Error getting 'data' field from JSON response");
+        throw EC_exception(DOCUMENT_INCOMPLETE);
+    }
+    return data;
+}
+
+}  // namespace Tesmor::Arkwell::Rbac
