@@ -1,7 +1,9 @@
-// The stand-in for the product's services, for development and tests: users, sessions and what belongs to them.
+// The stand-in for the product's services, for development and tests: users and sessions, and the access-control
+// service.
 
 #include "sandbox/AuthDatabase.h"
 #include "sandbox/SandboxFolder.h"
+#include "sandbox/ServiceCommands.h"
 #include "sandbox/SqliteDatabase.h"
 #include "sandbox/TokenIssuer.h"
 #include "sandbox/UserStore.h"
@@ -112,6 +114,7 @@ public:
         addInit();
         addUsers();
         addTokens();
+        service_.addTo(app_);
     }
 
     CLI::App& app() { return app_; }
@@ -128,13 +131,15 @@ private:
     }
 
     void addInit() {
-        CLI::App* const command =
-            add(app_, "init", "make the folder, with a new token key and databases, and this host's settings file",
-                "rbac-sandbox init --log-level 4", init);
+        CLI::App* const command = add(
+            app_, "init", "make the folder, with new keys, certificates and databases, and this host's settings file",
+            "rbac-sandbox init --log-level 4", init);
         command->add_option("--primary-server", options_.init.primaryServer, "name of the server that serves")
             ->capture_default_str();
         command->add_option("--connection-string", options_.init.connectionString,
                             "of the authorization database; without it, a SQLite file in the folder is used");
+        command->add_option("--publish-to", options_.init.publicationFolder,
+                            "where the service publishes its caches; without it, where the library looks for them");
         const std::map<std::string, DatabaseServer> servers{{"sqlite", DatabaseServer::SQLITE},
                                                             {"postgresql", DatabaseServer::POSTGRESQL}};
         command->add_option("--database", options_.init.server, "what serves it: sqlite or postgresql")
@@ -180,6 +185,7 @@ private:
     }
 
     Options options_;
+    ServiceCommands service_{options_.folder};
     CLI::App app_{
         "Stands in for the product's services on a machine of a developer or a test. Not for production: whoever may "
         "read its folder may be anybody."};

@@ -1,0 +1,105 @@
+#include "sandbox/AccessService.h"
+
+#include "sandbox/ServiceError.h"
+
+#include <platform/Logger.h>
+
+#include <utility>
+
+namespace Tesmor::Arkwell::Sandbox {
+
+namespace {
+
+constexpr int LEVEL_ERROR = 16;
+constexpr std::size_t MOST_IDLE_READERS = 8;
+
+/// Sees one state of the database while it lives.
+class Snapshot {
+public:
+    explicit Snapshot(ServiceDatabase& database) : database_(database) { database_.execute("BEGIN"); }
+    Snapshot(const Snapshot&) = delete;
+    Snapshot& operator=(const Snapshot&) = delete;
+    ~Snapshot() {
+        try {
+            database_.execute("ROLLBACK");
+        } catch (const std::exception& failure) {
+            logmsgf(LEVEL_ERROR, "AccessService::read", "%s", failure.what());
+        }
+    }
+
+private:
+    ServiceDatabase& database_;
+};
+
+}  // namespace
+
+PublishedChange StateChange::published() const {
+    PublishedChange change;
+    change.everything = everything_;
+    change.operations = operations_;
+    if (!everything_) {
+        for (const std::string& name : touched_) {
+            change.objects.push_back(tables.objects.modelObject(name));
+        }
+    }
+    return change;
+}
+
+AccessService::AccessService(std::string stateFile, const std::string& publicationFolder)
+    : stateFile_(std::move(stateFile)),
+      publisher_(publicationFolder, {[this] { return ObjectTable(*borrowReader()).model(); },
+                                     [this] { return OperationTable(*borrowReader()).bitNumbers(); }}),
+      database_(stateFile_) {
+    createServiceTables(database_);
+    std::list<PublishedChange> everything(1);
+    publisher_.await(publisher_.note(everything));
+}
+
+void AccessService::change(const std::function<void(StateChange&)>& make) {
+    std::uint64_t noted = 0;
+    {
+        const std::lock_guard<std::mutex> lock(changing_);
+        ServiceTransaction transaction(database_);
+        StateChange change(database_);
+        make(change);
+        std::list<PublishedChange> published;
+        published.push_back(change.published());
+        transaction.commit();
+        if (!change.isPublished()) {
+            return;
+        }
+        noted = publisher_.note(published);
+    }
+    try {
+        publisher_.await(noted);
+    } catch (const std::exception& failure) {
+        logmsgf(LEVEL_ERROR, "AccessService::change", "Cannot publish: %s", failure.what());
+        throw ServiceError(error_kinds::NOT_PUBLISHED, failure.what());
+    }
+}
+
+void AccessService::read(const std::function<void(const ServiceTables&)>& look) {
+    std::unique_ptr<ServiceDatabase> reader = borrowReader();
+    {
+        const Snapshot snapshot(*reader);
+        look(ServiceTables(*reader));
+    }
+    const std::lock_guard<std::mutex> lock(lending_);
+    if (readers_.size() < MOST_IDLE_READERS) {
+        readers_.push_back(std::move(reader));
+    }
+}
+
+std::unique_ptr<ServiceDatabase> AccessService::borrowReader() {
+    {
+        const std::lock_guard<std::mutex> lock(lending_);
+        if (!readers_.empty()) {
+            std::unique_ptr<ServiceDatabase> reader = std::move(readers_.back());
+            readers_.pop_back();
+            return reader;
+        }
+    }
+    return std::make_unique<ServiceDatabase>(stateFile_);
+}
+
+}  // namespace Tesmor::Arkwell::Sandbox

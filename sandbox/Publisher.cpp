@@ -1,0 +1,76 @@
+#include "sandbox/Publisher.h"
+
+#include "sandbox/CacheWriter.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace Tesmor::Arkwell::Sandbox {
+
+namespace {
+
+bool any(const std::list<PublishedChange>& changes, bool PublishedChange::*question) {
+    return std::any_of(changes.begin(), changes.end(),
+                       [question](const PublishedChange& change) { return change.*question; });
+}
+
+}  // namespace
+
+Publisher::Publisher(std::string folder, PublicationSource source)
+    : folder_(std::move(folder)), source_(std::move(source)) {}
+
+std::uint64_t Publisher::note(std::list<PublishedChange>& change) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    noted_.splice(noted_.end(), change);
+    return ++lastNoted_;
+}
+
+void Publisher::await(std::uint64_t change) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    while (lastPublished_ < change) {
+        if (isPublishing_) {
+            published_.wait(lock);
+            continue;
+        }
+        isPublishing_ = true;
+        const std::uint64_t newest = lastNoted_;
+        std::list<PublishedChange> changes;
+        changes.swap(noted_);
+        const std::uint64_t before = lastPublished_;  // nobody else changes it meanwhile
+        lock.unlock();
+        const auto finish = [&](std::uint64_t reached) {
+            lock.lock();
+            isPublishing_ = false;
+            lastPublished_ = reached;
+            published_.notify_all();
+        };
+        try {
+            publish(changes);
+        } catch (...) {
+            finish(before);
+            throw;
+        }
+        finish(newest);
+    }
+}
+
+void Publisher::publish(const std::list<PublishedChange>& changes) {
+    const bool wasCurrent = isCurrent_;
+    isCurrent_ = false;
+    if (!wasCurrent || any(changes, &PublishedChange::operations)) {
+        // First, so that whoever finds an operation in the access cache knows its number.
+        writeOperationCache(folder_ + "/operation-cache.json", source_.operations());
+    }
+    if (!wasCurrent || any(changes, &PublishedChange::everything)) {
+        model_ = source_.model();
+    } else {
+        for (const PublishedChange& change : changes) {
+            std::for_each(change.objects.begin(), change.objects.end(),
+                          [this](const ModelObject& object) { model_.add(object); });
+        }
+    }
+    CacheWriter(folder_ + "/access-caches/" + CACHE_ID).publish(model_);
+    isCurrent_ = true;
+}
+
+}  // namespace Tesmor::Arkwell::Sandbox

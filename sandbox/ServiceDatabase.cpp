@@ -1,0 +1,147 @@
+#include "sandbox/ServiceDatabase.h"
+
+#include <platform/Logger.h>
+
+#include <sqlite3.h>
+
+#include <stdexcept>
+#include <utility>
+
+namespace Tesmor::Arkwell::Sandbox {
+
+namespace {
+
+constexpr int LOCK_WAIT_MS = 10'000;
+constexpr int LEVEL_ERROR = 16;
+
+[[noreturn]] void fail(sqlite3* database) {
+    throw std::runtime_error(std::string("SQLite: ") + sqlite3_errmsg(database));
+}
+
+}  // namespace
+
+void ServiceDatabase::Close::operator()(sqlite3* database) const {
+    sqlite3_close_v2(database);
+}
+
+void ServiceDatabase::Finalize::operator()(sqlite3_stmt* statement) const {
+    sqlite3_finalize(statement);
+}
+
+ServiceDatabase::ServiceDatabase(const std::string& path) {
+    sqlite3* opened = nullptr;
+    const int result = sqlite3_open_v2(path.c_str(), &opened, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr);
+    database_.reset(opened);
+    if (result != SQLITE_OK) {
+        throw std::runtime_error("SQLite: " + path + ": " + sqlite3_errstr(result));
+    }
+    sqlite3_busy_timeout(opened, LOCK_WAIT_MS);
+    execute("PRAGMA journal_mode = WAL; PRAGMA synchronous = FULL; PRAGMA foreign_keys = ON");
+}
+
+ServiceDatabase::~ServiceDatabase() = default;
+
+void ServiceDatabase::execute(const char* sql) {
+    if (sqlite3_exec(database_.get(), sql, nullptr, nullptr, nullptr) != SQLITE_OK) {
+        fail(database_.get());
+    }
+}
+
+ServiceDatabase::StatementPointer ServiceDatabase::take(std::string_view sql) {
+    std::vector<StatementPointer>& idle = idle_[sql];
+    if (!idle.empty()) {
+        StatementPointer statement = std::move(idle.back());
+        idle.pop_back();
+        return statement;
+    }
+    idle.reserve(1);  // so that giving it back needs no memory
+    sqlite3_stmt* prepared = nullptr;
+    const int result = sqlite3_prepare_v3(database_.get(), sql.data(), static_cast<int>(sql.size()),
+                                          SQLITE_PREPARE_PERSISTENT, &prepared, nullptr);
+    StatementPointer statement(prepared);
+    if (result != SQLITE_OK) {
+        fail(database_.get());
+    }
+    return statement;
+}
+
+void ServiceDatabase::giveBack(std::string_view sql, StatementPointer statement) noexcept {
+    sqlite3_reset(statement.get());
+    sqlite3_clear_bindings(statement.get());
+    const auto idle = idle_.find(sql);
+    if (idle != idle_.end() && idle->second.size() < idle->second.capacity()) {
+        idle->second.push_back(std::move(statement));
+    }
+}
+
+ServiceStatement::ServiceStatement(ServiceDatabase& database, const char* sql)
+    : database_(database), sql_(sql), statement_(database.take(sql_)) {}
+
+ServiceStatement::~ServiceStatement() {
+    database_.giveBack(sql_, std::move(statement_));
+}
+
+ServiceStatement& ServiceStatement::bind(int parameter, std::int64_t value) {
+    require(sqlite3_bind_int64(statement_.get(), parameter, value));
+    return *this;
+}
+
+ServiceStatement& ServiceStatement::bind(int parameter, std::string_view value) {
+    const auto release = SQLITE_TRANSIENT;  // NOLINT(performance-no-int-to-ptr): SQLite's own way to say "copy"
+    require(sqlite3_bind_text64(statement_.get(), parameter, value.data(), value.size(), release, SQLITE_UTF8));
+    return *this;
+}
+
+bool ServiceStatement::step() {
+    const int result = sqlite3_step(statement_.get());
+    if (result == SQLITE_ROW) {
+        return true;
+    }
+    require(result == SQLITE_DONE ? SQLITE_OK : result);
+    return false;
+}
+
+void ServiceStatement::run() {
+    while (step()) {
+    }
+    require(sqlite3_reset(statement_.get()));
+}
+
+std::int64_t ServiceStatement::integer(int column) const {
+    return sqlite3_column_int64(statement_.get(), column);
+}
+
+std::string ServiceStatement::text(int column) const {
+    const auto* const bytes = reinterpret_cast<const char*>(sqlite3_column_text(statement_.get(), column));
+    const auto length = static_cast<std::size_t>(sqlite3_column_bytes(statement_.get(), column));
+    return bytes != nullptr ? std::string(bytes, length) : std::string();
+}
+
+void ServiceStatement::require(int result) const {
+    if (result != SQLITE_OK) {
+        fail(sqlite3_db_handle(statement_.get()));
+    }
+}
+
+ServiceTransaction::ServiceTransaction(ServiceDatabase& database) : database_(database) {
+    database_.execute("BEGIN IMMEDIATE");
+}
+
+ServiceTransaction::~ServiceTransaction() {
+    if (!open_) {
+        return;
+    }
+    try {
+        database_.execute("ROLLBACK");
+    } catch (const std::exception& failure) {
+        // After some failures SQLite has undone the changes already.
+        logmsgf(LEVEL_ERROR, "ServiceTransaction", "%s", failure.what());
+    }
+}
+
+void ServiceTransaction::commit() {
+    database_.execute("COMMIT");
+    open_ = false;
+}
+
+}  // namespace Tesmor::Arkwell::Sandbox
