@@ -1,24 +1,22 @@
-// Who may do what, asked with session tokens of an access cache, again and again while another process rewrites it.
+// A server program: it gets its client from the access-control service, checkers from session tokens, and answers,
+// again and again while somebody else changes the access.
 //
-// watch_access CACHE_DIRECTORY WATCHED_PATH TOKENS_FILE --path PATH...
+// watch_access WATCHED_PATH TOKENS_FILE --path PATH...
 //
 // The tokens file has a line "NAME TOKEN" for each user. Prints a table of users, paths and operations, then checks
 // until an answer about WATCHED_PATH turns, then prints the table again and how fast it was.
 
-#include "rbac/enforcement/DiskAccessControlClient.h"
 #include "sandbox/TreeImport.h"
 
 #include <platform/Dal.h>
 #include <platform/Status.h>
-#include <rbac/AccessCache.h>
-#include <rbac/OperationCache.h>
+#include <rbac/AccessControlClient.h>
+#include <rbac/EC_exception.h>
 
-#include <boost/lexical_cast.hpp>
-#include <boost/make_shared.hpp>
+#include <boost/shared_ptr.hpp>
 
 #include <chrono>
 #include <exception>
-#include <filesystem>
 #include <fstream>
 #include <iomanip>
 #include <iostream>
@@ -39,7 +37,6 @@ struct User {
 };
 
 struct Arguments {
-    std::string cacheDirectory;
     std::string watched;
     std::vector<User> users;
     std::vector<std::string> paths;
@@ -64,11 +61,11 @@ std::vector<User> readUsers(const std::string& path) {
 }
 
 Arguments parseArguments(const std::vector<std::string>& words) {
-    if (words.size() < 3) {
-        throw std::invalid_argument("usage: watch_access CACHE_DIRECTORY WATCHED_PATH TOKENS_FILE [--path PATH]...");
+    if (words.size() < 2) {
+        throw std::invalid_argument("usage: watch_access WATCHED_PATH TOKENS_FILE [--path PATH]...");
     }
-    Arguments arguments{words[0], words[1], readUsers(words[2]), {}};
-    for (std::size_t i = 3; i + 1 < words.size(); i += 2) {
+    Arguments arguments{words[0], readUsers(words[1]), {}};
+    for (std::size_t i = 2; i + 1 < words.size(); i += 2) {
         if (words[i] != "--path") {
             throw std::invalid_argument("unknown option " + words[i]);
         }
@@ -159,32 +156,27 @@ double checksPerSecond(const Enforcement& enforcement, const Arguments& argument
     return CHECKS / std::chrono::duration<double>(Clock::now() - begin).count();
 }
 
+boost::shared_ptr<AccessControlClient> createClient() {
+    boost::shared_ptr<AccessControlClient> client;
+    if (const int status = AccessControlClient::create(ObjectNamespace(), client); status != 0) {
+        throw EC_exception(status);
+    }
+    return client;
+}
+
 void run(const Arguments& arguments) {
     const Clock::time_point begin = Clock::now();
-    const Manifest manifest("demo", arguments.cacheDirectory);
-    const auto cache = boost::make_shared<const AccessCache>(manifest);
-    const auto opening = std::chrono::duration<double, std::micro>(Clock::now() - begin).count();
+    const boost::shared_ptr<AccessControlClient> client = createClient();
+    const auto creation = std::chrono::duration<double, std::milli>(Clock::now() - begin).count();
 
-    OperationCache operationCache;
-    DiskAccessControlClient client(manifest.objectNamespace(), cache, operationCache);
     Tesmor::Dal::DbConnectionManager database(1, 2, 0, 1, 30, 15, 40, Tesmor::Dal::USERID_AUTHORIZATION, false);
-    const Enforcement enforcement{client, database};
+    const Enforcement enforcement{*client, database};
     printTable(enforcement, arguments);
     watch(enforcement, arguments);
     std::cout << "\n";
     printTable(enforcement, arguments);
-
-    const auto size = [&arguments](const std::string& file) {
-        return std::filesystem::file_size(arguments.cacheDirectory + "/" + file);
-    };
-    const auto nodes = size(AccessCache::SEGMENT_FILE_NAME) / sizeof(SegmentNode) +
-                       size(AccessCache::NODE_FILE_NAME) / sizeof(TreeNode<int, NodeBits>);
-    const auto bytes = size(AccessCache::METADATA_FILE_NAME) + size(AccessCache::OBJECT_FILE_NAME) +
-                       size(AccessCache::NODE_FILE_NAME) + size(AccessCache::SEGMENT_FILE_NAME);
-    std::cout << "\n"
-              << cache->managedObjectCount() - 1 << " objects, " << nodes << " nodes, " << bytes << " bytes; opened in "
-              << std::setprecision(0) << opening << " us; " << checksPerSecond(enforcement, arguments)
-              << " checks per second on one thread\n";
+    std::cout << "\nThe client was made in " << std::setprecision(1) << creation << " ms; " << std::setprecision(0)
+              << checksPerSecond(enforcement, arguments) << " checks per second on one thread\n";
 }
 
 }  // namespace
