@@ -24,8 +24,10 @@ void SqliteDatabase::Close::operator()(sqlite3* database) const {
 }
 
 SqliteDatabase::SqliteDatabase(const std::string& path) {
-    // Made here, because SQLite would give it the permissions of the process's umask. Its log and index follow it.
-    const platform_detail::Descriptor file(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, S_IRUSR | S_IWUSR));
+    // Made here, because SQLite would give it the permissions of the process's umask. Its log and index follow it. A
+    // file that is there is not opened: closing it would end the locks of every other connection of this process.
+    const platform_detail::Descriptor file(
+        open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR));
     sqlite3* opened = nullptr;
     const int result = sqlite3_open_v2(path.c_str(), &opened, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr);
     database_.reset(opened);

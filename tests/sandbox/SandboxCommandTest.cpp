@@ -1,4 +1,5 @@
 #include "InstallationPaths.h"
+#include "sandbox/UserStore.h"
 #include "testing/LogCapture.h"
 #include "testing/TemporaryDirectory.h"
 
@@ -150,6 +151,19 @@ TEST_F(SandboxCommandTest, DropsNoSandboxUnasked) {
     EXPECT_EQ(succeed("users list"), "alice: roles none\n");
     succeed("init --replace");
     EXPECT_EQ(succeed("users list"), "");
+}
+
+TEST_F(SandboxCommandTest, LeavesTheStateToWhoHasItOpen) {
+    using namespace Tesmor::Arkwell::Sandbox;
+    succeed("init");
+    SqliteDatabase held(folder_ + "/state.db");
+    UserStore users(held);
+    users.put({"alice"});
+    { const SqliteDatabase second(folder_ + "/state.db"); }
+    succeed("users add bob");
+    EXPECT_TRUE(std::filesystem::exists(folder_ + "/state.db-wal"));
+    users.put({"carol"});
+    EXPECT_EQ(succeed("users list"), "alice: roles none\nbob: roles none\ncarol: roles none\n");
 }
 
 TEST_F(SandboxCommandTest, SaysHowToMakeASandbox) {

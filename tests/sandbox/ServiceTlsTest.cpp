@@ -42,22 +42,32 @@ Context contextFor(const ClientFiles& files) {
     return context;
 }
 
+/// The socket address of a loopback address and a port.
+sockaddr_storage loopback(const char* address, int port) {
+    sockaddr_storage storage{};
+    const auto number = htons(static_cast<std::uint16_t>(port));
+    auto* const version6 = reinterpret_cast<sockaddr_in6*>(&storage);
+    if (inet_pton(AF_INET6, address, &version6->sin6_addr) == 1) {
+        version6->sin6_family = AF_INET6;
+        version6->sin6_port = number;
+        return storage;
+    }
+    auto* const version4 = reinterpret_cast<sockaddr_in*>(&storage);
+    version4->sin_family = AF_INET;
+    version4->sin_port = number;
+    inet_pton(AF_INET, address, &version4->sin_addr);
+    return storage;
+}
+
 /// A connection without an HTTP library in between.
 class RawConnection {
 public:
-    RawConnection(SSL_CTX* context, int port, SSL_SESSION* session = nullptr)
-        : socket_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)), ssl_(SSL_new(context)) {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_port = htons(static_cast<std::uint16_t>(port));
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        const timeval limit{60, 0};
-        setsockopt(socket_.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-        isConnected_ = connect(socket_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
-                       SSL_set_fd(ssl_.get(), socket_.get()) == 1 &&
-                       (session == nullptr || SSL_set_session(ssl_.get(), session) == 1) &&
-                       SSL_connect(ssl_.get()) == 1;
-    }
+    RawConnection(SSL_CTX* context, int port, SSL_SESSION* session = nullptr, const char* address = "127.0.0.1",
+                  const char* name = "localhost")
+        : address_(loopback(address, port)),
+          socket_(::socket(address_.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0)),
+          ssl_(SSL_new(context)),
+          isConnected_(open(session, name)) {}
 
     /// The beginning of the answer to the request; empty where there is none.
     std::string ask(const std::string& request) {
@@ -78,9 +88,22 @@ public:
     void close() { SSL_shutdown(ssl_.get()); }
 
 private:
+    /// @param name host name or address that the service's certificate has to be for.
+    bool open(SSL_SESSION* session, const char* name) const {
+        const timeval limit{60, 0};
+        setsockopt(socket_.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+        if (X509_VERIFY_PARAM_set1_ip_asc(SSL_get0_param(ssl_.get()), name) != 1) {
+            SSL_set1_host(ssl_.get(), name);
+        }
+        return connect(socket_.get(), reinterpret_cast<const sockaddr*>(&address_), sizeof address_) == 0 &&
+               SSL_set_fd(ssl_.get(), socket_.get()) == 1 &&
+               (session == nullptr || SSL_set_session(ssl_.get(), session) == 1) && SSL_connect(ssl_.get()) == 1;
+    }
+
+    sockaddr_storage address_;
     Descriptor socket_;
     std::unique_ptr<SSL, Release> ssl_;
-    bool isConnected_ = false;
+    bool isConnected_;
 };
 
 class ServiceTlsTest : public testing::Test {
@@ -143,9 +166,24 @@ TEST_F(ServiceTlsTest, SpeaksVersions12And13AndNoOlderOne) {
 }
 
 TEST_F(ServiceTlsTest, IsWhoItsCertificateSaysUnderEveryLoopbackName) {
-    for (const char* host : {"localhost", "127.0.0.1", "::1"}) {
-        ServiceClient client(host, service_.port(), folder_.hostFiles());
-        EXPECT_EQ(client.get("roles").status, 200) << host;
+    const Context context = contextFor(folder_.hostFiles());
+    for (const char* name : {"localhost", "127.0.0.1", "::1"}) {
+        RawConnection connection(context.get(), service_.port(), nullptr, "127.0.0.1", name);
+        EXPECT_THAT(connection.ask(REQUEST), HasSubstr("HTTP/1.1 200 OK")) << name;
+    }
+    RawConnection other(context.get(), service_.port(), nullptr, "127.0.0.1", "other.example");
+    EXPECT_FALSE(other.isConnected());
+}
+
+TEST_F(ServiceTlsTest, ServesTheLoopbackAddressesThatThereAre) {
+    const Context context = contextFor(folder_.hostFiles());
+    for (const char* address : {"127.0.0.1", "::1"}) {
+        const sockaddr_storage local = loopback(address, 0);
+        const Descriptor probe(socket(local.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        if (bind(probe.get(), reinterpret_cast<const sockaddr*>(&local), sizeof local) == 0) {
+            RawConnection connection(context.get(), service_.port(), nullptr, address);
+            EXPECT_THAT(connection.ask(REQUEST), HasSubstr("HTTP/1.1 200 OK")) << address;
+        }
     }
 }
 
