@@ -60,7 +60,7 @@ public:
     /// @param client set on success, untouched on failure.
     /// @return 0; the status of a failed name lookup or transport; 114: the service gave no cache, or the cache cannot
     /// be opened for a reason without a status, or `scope` has no text form; 7610: its answer is not as it should be;
-    /// 12: the cache's manifest is invalid. Failures are logged.
+    /// 12: the cache's manifest is invalid. Failures are logged, except those of `scope` and those without a status.
     static int create(const ObjectNamespace& scope, boost::shared_ptr<AccessControlClient>& client);
 
     /// Makes a checker for the user whose session token is given.

@@ -14,8 +14,6 @@
 #include <boost/lexical_cast.hpp>
 #include <boost/make_shared.hpp>
 
-#include <exception>
-
 namespace Tesmor::Arkwell::Rbac {
 
 namespace {
@@ -141,7 +139,7 @@ int AccessControlClient::create(const ObjectNamespace& scope, boost::shared_ptr<
         return 0;
     } catch (const EC_exception& failure) {
         return failure.status;
-    } catch (const std::exception&) {
+    } catch (...) {
         return REQUEST_FAILED;
     }
 }

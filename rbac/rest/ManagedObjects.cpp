@@ -88,11 +88,10 @@ std::ostream& operator<<(std::ostream& out, const Propagation& propagation) {
 }
 
 std::istream& operator>>(std::istream& in, Propagation::enum_type& value) {
-    if (!in.good()) {
-        return in;
-    }
     std::string word;
-    in >> word;
+    if (in.good()) {
+        in >> word;
+    }
     for (std::size_t i = 0; i < std::size(PROPAGATION_NAMES); ++i) {
         if (word == PROPAGATION_NAMES[i]) {
             value = static_cast<Propagation::enum_type>(i);

@@ -108,6 +108,16 @@ TEST(PropagationTest, ReadsOneWordOfAStream) {
     EXPECT_EQ(second, Propagation(Propagation::OBJECT));
 }
 
+TEST(PropagationTest, IsNotReadFromAStreamThatHasEnded) {
+    std::istringstream in("CHILDREN");
+    Propagation propagation;
+    in >> propagation;
+    EXPECT_FALSE(in.fail());
+    in >> propagation;
+    EXPECT_TRUE(in.fail());
+    EXPECT_EQ(propagation, Propagation(Propagation::CHILDREN));
+}
+
 TEST(PropagationTest, IsNotWrittenWithAnotherValue) {
     std::ostringstream out;
     try {
