@@ -14,6 +14,7 @@ constexpr long PATIENCE_NS = 50'000'000;
 
 pthread_rwlock_t gate = PTHREAD_RWLOCK_WRITER_NONRECURSIVE_INITIALIZER_NP;
 thread_local bool closedHere = false;
+pthread_mutex_t connecting = PTHREAD_MUTEX_INITIALIZER;
 
 void closeGate() {
     timespec until{};
@@ -37,6 +38,7 @@ void openGate() {
 void renewGate() {
     closedHere = false;
     gate = PTHREAD_RWLOCK_WRITER_NONRECURSIVE_INITIALIZER_NP;
+    connecting = PTHREAD_MUTEX_INITIALIZER;
 }
 
 const int registered = pthread_atfork(closeGate, openGate, renewGate);
@@ -49,6 +51,14 @@ DriverCall::DriverCall() {
 
 DriverCall::~DriverCall() {
     pthread_rwlock_unlock(&gate);
+}
+
+ConnectTurn::ConnectTurn() {
+    pthread_mutex_lock(&connecting);
+}
+
+ConnectTurn::~ConnectTurn() {
+    pthread_mutex_unlock(&connecting);
 }
 
 }  // namespace detail

@@ -17,6 +17,17 @@ public:
     DriverCall& operator=(const DriverCall&) = delete;
 };
 
+/// One thread of the process connects at a time: the PostgreSQL driver changes the process's locale meanwhile, and of
+/// two at once one reads what the other has freed. Who waits behind a server that does not answer is held up by no more
+/// than its own time limit.
+class ConnectTurn {
+public:
+    ConnectTurn();
+    ConnectTurn(const ConnectTurn&) = delete;
+    ConnectTurn& operator=(const ConnectTurn&) = delete;
+    ~ConnectTurn();
+};
+
 }  // namespace detail
 }  // namespace Dal
 }  // namespace Tesmor

@@ -149,6 +149,7 @@ void Session::connectHandle() {
 }
 
 void Session::connectWith(const std::string& connectionString) {
+    const ConnectTurn turn;
     connected_ = succeeded(SQLDriverConnect(handle_.get(), nullptr, textOf(connectionString.c_str()), SQL_NTS, nullptr,
                                             0, nullptr, SQL_DRIVER_NOPROMPT));
     if (!connected_) {
