@@ -16,7 +16,7 @@ constexpr std::size_t MOST_IDLE_READERS = 8;
 /// Sees one state of the database while it lives.
 class Snapshot {
 public:
-    explicit Snapshot(ServiceDatabase& database) : database_(database) { database_.execute("BEGIN"); }
+    explicit Snapshot(SqliteDatabase& database) : database_(database) { database_.execute("BEGIN"); }
     Snapshot(const Snapshot&) = delete;
     Snapshot& operator=(const Snapshot&) = delete;
     ~Snapshot() {
@@ -28,7 +28,7 @@ public:
     }
 
 private:
-    ServiceDatabase& database_;
+    SqliteDatabase& database_;
 };
 
 }  // namespace
@@ -59,7 +59,7 @@ void AccessService::change(const std::function<void(StateChange&)>& make) {
     std::uint64_t noted = 0;
     {
         const std::lock_guard<std::mutex> lock(changing_);
-        ServiceTransaction transaction(database_);
+        SqliteTransaction transaction(database_);
         StateChange change(database_);
         make(change);
         std::list<PublishedChange> published;
@@ -79,7 +79,7 @@ void AccessService::change(const std::function<void(StateChange&)>& make) {
 }
 
 void AccessService::read(const std::function<void(const ServiceTables&)>& look) {
-    std::unique_ptr<ServiceDatabase> reader = borrowReader();
+    std::unique_ptr<SqliteDatabase> reader = borrowReader();
     {
         const Snapshot snapshot(*reader);
         look(ServiceTables(*reader));
@@ -90,16 +90,16 @@ void AccessService::read(const std::function<void(const ServiceTables&)>& look) 
     }
 }
 
-std::unique_ptr<ServiceDatabase> AccessService::borrowReader() {
+std::unique_ptr<SqliteDatabase> AccessService::borrowReader() {
     {
         const std::lock_guard<std::mutex> lock(lending_);
         if (!readers_.empty()) {
-            std::unique_ptr<ServiceDatabase> reader = std::move(readers_.back());
+            std::unique_ptr<SqliteDatabase> reader = std::move(readers_.back());
             readers_.pop_back();
             return reader;
         }
     }
-    return std::make_unique<ServiceDatabase>(stateFile_);
+    return std::make_unique<SqliteDatabase>(stateFile_);
 }
 
 }  // namespace Tesmor::Arkwell::Sandbox

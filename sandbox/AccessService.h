@@ -1,8 +1,8 @@
 #pragma once
 
 #include "sandbox/Publisher.h"
-#include "sandbox/ServiceDatabase.h"
 #include "sandbox/ServiceTables.h"
+#include "sandbox/SqliteDatabase.h"
 
 #include <functional>
 #include <list>
@@ -19,7 +19,7 @@ namespace Sandbox {
 /// A change of the state that is being made: it works on the tables and says what it touches.
 class StateChange {
 public:
-    explicit StateChange(ServiceDatabase& changedDatabase) : database(changedDatabase), tables(changedDatabase) {}
+    explicit StateChange(SqliteDatabase& changedDatabase) : database(changedDatabase), tables(changedDatabase) {}
 
     /// What is known of this object, its access definitions included, has changed.
     void touch(const std::string& objectName) { touched_.insert(objectName); }
@@ -32,7 +32,7 @@ public:
     /// What it means for what is published.
     PublishedChange published() const;
 
-    ServiceDatabase& database;
+    SqliteDatabase& database;
     ServiceTables tables;
 
 private:
@@ -60,16 +60,16 @@ public:
     void read(const std::function<void(const ServiceTables&)>& look);
 
 private:
-    std::unique_ptr<ServiceDatabase> borrowReader();
+    std::unique_ptr<SqliteDatabase> borrowReader();
 
     const std::string stateFile_;
     Publisher publisher_;
 
     std::mutex changing_;
-    ServiceDatabase database_;
+    SqliteDatabase database_;
 
     std::mutex lending_;
-    std::vector<std::unique_ptr<ServiceDatabase>> readers_;
+    std::vector<std::unique_ptr<SqliteDatabase>> readers_;
 };
 
 }  // namespace Sandbox

@@ -82,11 +82,8 @@ void SandboxFolder::createFiles(const SandboxOptions& options) const {
 
     createCertificates(options);
 
-    {
-        SqliteDatabase users(stateFile());
-        const UserStore store(users);
-    }
-    ServiceDatabase state(stateFile());
+    SqliteDatabase state = SqliteDatabase::create(stateFile());
+    const UserStore users(state);
     createServiceTables(state);
     if (!options.publicationFolder.empty()) {
         setPublicationFolder(state, std::filesystem::absolute(options.publicationFolder));
@@ -138,7 +135,7 @@ TlsServerFiles SandboxFolder::serviceFiles() const {
 }
 
 std::string SandboxFolder::publicationFolder() const {
-    ServiceDatabase state(stateFile());
+    SqliteDatabase state(stateFile());
     createServiceTables(state);
     return Sandbox::publicationFolder(state).value_or(PUBLICATION_FOLDER);
 }
@@ -154,7 +151,7 @@ std::string SandboxFolder::settings(const SandboxOptions& options) const {
     SqliteConnection database{options.connectionString, ""};
     if (database.connectionString.empty()) {
         const std::string file = path_ + "/auth.db";
-        const SqliteDatabase made(file);  // for its owner only
+        SqliteDatabase::create(file);  // for its owner only
         database = sqliteConnection(file);
     }
     const JsonPointer document(json_pack("{s:s, s:s, s:{}, s:{s:s, s:[]}, s:{s:i, s:i, s:i}, s:{s:i}}", "primaryServer",

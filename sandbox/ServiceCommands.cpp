@@ -211,7 +211,7 @@ void ServiceCommands::importTree() const {
 void ServiceCommands::listPending() const {
     const SandboxFolder folder(folder_);
     folder.requirePrivate();
-    ServiceDatabase state(folder.stateFile());
+    SqliteDatabase state(folder.stateFile());
     createServiceTables(state);
     for (const ObjectRecord& object : ObjectTable(state).pending()) {
         std::cout << object.name << " since " << object.changedAt << " by " << object.changedBy << "\n";
@@ -231,7 +231,7 @@ void ServiceCommands::addOperation() const {
 void ServiceCommands::listOperations() const {
     const SandboxFolder folder(folder_);
     folder.requirePrivate();
-    ServiceDatabase state(folder.stateFile());
+    SqliteDatabase state(folder.stateFile());
     createServiceTables(state);
     for (const OperationRecord& operation : OperationTable(state).all()) {
         std::cout << operation.name << " " << operation.bit << ", applies to " << operation.appliesTo << "\n";

@@ -53,46 +53,43 @@ constexpr char SCHEMA[] =
     // Of which the numbers in between may be taken.
     "INSERT OR IGNORE INTO counters (name, next) VALUES ('role', 2), ('operation', 3);";
 
-bool isThere(ServiceDatabase& database, const char* query, std::int64_t number) {
-    return ServiceStatement(database, query).bind(1, number).step();
+bool isThere(SqliteDatabase& database, const char* query, std::int64_t number) {
+    return SqliteStatement(database, query).bind(1, number).step();
 }
 
 /// The next number of a counter that nothing has.
-std::int32_t nextNumber(ServiceDatabase& database, const char* counter, const char* isTaken) {
-    ServiceStatement current(database, "SELECT next FROM counters WHERE name = ?");
+std::int32_t nextNumber(SqliteDatabase& database, const char* counter, const char* isTaken) {
+    SqliteStatement current(database, "SELECT next FROM counters WHERE name = ?");
     current.bind(1, counter).step();
     std::int64_t number = current.integer(0);
     while (isThere(database, isTaken, number)) {
         ++number;
     }
-    ServiceStatement(database, "UPDATE counters SET next = ? WHERE name = ?")
-        .bind(1, number + 1)
-        .bind(2, counter)
-        .run();
+    SqliteStatement(database, "UPDATE counters SET next = ? WHERE name = ?").bind(1, number + 1).bind(2, counter).run();
     return static_cast<std::int32_t>(number);
 }
 
-RoleRecord roleAt(const ServiceStatement& row) {
+RoleRecord roleAt(const SqliteStatement& row) {
     return {static_cast<std::int32_t>(row.integer(0)), row.text(1), row.text(2), row.integer(3) != 0};
 }
 
-OperationRecord operationAt(const ServiceStatement& row) {
+OperationRecord operationAt(const SqliteStatement& row) {
     return {row.text(0), static_cast<std::int32_t>(row.integer(1)), row.text(2)};
 }
 
-ObjectRecord objectAt(const ServiceStatement& row) {
+ObjectRecord objectAt(const SqliteStatement& row) {
     return {row.text(0),         row.text(1), row.integer(2) != 0, static_cast<ObjectState>(row.integer(3)),
             row.integer(4) != 0, row.text(5), row.text(6)};
 }
 
-Grant grantAt(const ServiceStatement& row) {
+Grant grantAt(const SqliteStatement& row) {
     return {static_cast<std::int32_t>(row.integer(1)), static_cast<std::int32_t>(row.integer(3)),
             static_cast<GrantScope>(row.integer(2))};
 }
 
-void addSystemRoles(ServiceDatabase& database) {
-    ServiceStatement insert(database,
-                            "INSERT OR IGNORE INTO roles (id, name, description, system_defined) VALUES (?, ?, ?, 1)");
+void addSystemRoles(SqliteDatabase& database) {
+    SqliteStatement insert(database,
+                           "INSERT OR IGNORE INTO roles (id, name, description, system_defined) VALUES (?, ?, ?, 1)");
     insert.bind(1, std::int64_t{EVERYTHING_ROLE})
         .bind(2, unix_roles::nameOf(EVERYTHING_ROLE))
         .bind(3, "may do everything")
@@ -103,16 +100,16 @@ void addSystemRoles(ServiceDatabase& database) {
         .run();
 }
 
-void addSystemOperations(ServiceDatabase& database) {
-    ServiceStatement insert(database, "INSERT OR IGNORE INTO operations (bit, name, applies_to) VALUES (?, ?, ?)");
+void addSystemOperations(SqliteDatabase& database) {
+    SqliteStatement insert(database, "INSERT OR IGNORE INTO operations (bit, name, applies_to) VALUES (?, ?, ?)");
     for (const auto& [operation, bit] : fileOperations()) {
         insert.bind(1, std::int64_t{bit}).bind(2, operation.str()).bind(3, ROOT).run();
     }
 }
 
-void addSystemObjects(ServiceDatabase& database) {
+void addSystemObjects(SqliteDatabase& database) {
     using namespace Rbac::root_namespaces;
-    ServiceStatement insert(
+    SqliteStatement insert(
         database,
         "INSERT OR IGNORE INTO objects (name, type, inherit, state, system_defined, changed_at, changed_by)"
         " VALUES (?, 'root', 1, 0, 1, '', '')");
@@ -124,8 +121,8 @@ void addSystemObjects(ServiceDatabase& database) {
 
 }  // namespace
 
-void createServiceTables(ServiceDatabase& database) {
-    ServiceTransaction transaction(database);
+void createServiceTables(SqliteDatabase& database) {
+    SqliteTransaction transaction(database);
     database.execute(SCHEMA);
     addSystemRoles(database);
     addSystemOperations(database);
@@ -133,22 +130,22 @@ void createServiceTables(ServiceDatabase& database) {
     transaction.commit();
 }
 
-boost::optional<std::string> publicationFolder(ServiceDatabase& database) {
-    ServiceStatement settings(database, "SELECT value FROM settings WHERE name = 'publicationFolder'");
+boost::optional<std::string> publicationFolder(SqliteDatabase& database) {
+    SqliteStatement settings(database, "SELECT value FROM settings WHERE name = 'publicationFolder'");
     if (!settings.step()) {
         return boost::none;
     }
     return settings.text(0);
 }
 
-void setPublicationFolder(ServiceDatabase& database, const std::string& path) {
-    ServiceStatement(database, "INSERT OR REPLACE INTO settings (name, value) VALUES ('publicationFolder', ?)")
+void setPublicationFolder(SqliteDatabase& database, const std::string& path) {
+    SqliteStatement(database, "INSERT OR REPLACE INTO settings (name, value) VALUES ('publicationFolder', ?)")
         .bind(1, path)
         .run();
 }
 
 boost::optional<RoleRecord> RoleTable::find(std::int32_t id) const {
-    ServiceStatement roles(database_, "SELECT id, name, description, system_defined FROM roles WHERE id = ?");
+    SqliteStatement roles(database_, "SELECT id, name, description, system_defined FROM roles WHERE id = ?");
     if (!roles.bind(1, std::int64_t{id}).step()) {
         return boost::none;
     }
@@ -156,7 +153,7 @@ boost::optional<RoleRecord> RoleTable::find(std::int32_t id) const {
 }
 
 boost::optional<RoleRecord> RoleTable::findByName(const std::string& name) const {
-    ServiceStatement roles(database_, "SELECT id, name, description, system_defined FROM roles WHERE name = ?");
+    SqliteStatement roles(database_, "SELECT id, name, description, system_defined FROM roles WHERE name = ?");
     if (!roles.bind(1, name).step()) {
         return boost::none;
     }
@@ -165,7 +162,7 @@ boost::optional<RoleRecord> RoleTable::findByName(const std::string& name) const
 
 std::vector<RoleRecord> RoleTable::all() const {
     std::vector<RoleRecord> found;
-    ServiceStatement roles(database_, "SELECT id, name, description, system_defined FROM roles ORDER BY id");
+    SqliteStatement roles(database_, "SELECT id, name, description, system_defined FROM roles ORDER BY id");
     while (roles.step()) {
         found.push_back(roleAt(roles));
     }
@@ -179,9 +176,9 @@ std::int32_t RoleTable::add(const std::string& name, const std::string& descript
 }
 
 void RoleTable::put(const RoleRecord& role) {
-    ServiceStatement(database_,
-                     "INSERT INTO roles (id, name, description, system_defined) VALUES (?, ?, ?, ?)"
-                     " ON CONFLICT (id) DO UPDATE SET name = excluded.name, description = excluded.description")
+    SqliteStatement(database_,
+                    "INSERT INTO roles (id, name, description, system_defined) VALUES (?, ?, ?, ?)"
+                    " ON CONFLICT (id) DO UPDATE SET name = excluded.name, description = excluded.description")
         .bind(1, std::int64_t{role.id})
         .bind(2, role.name)
         .bind(3, role.description)
@@ -190,11 +187,11 @@ void RoleTable::put(const RoleRecord& role) {
 }
 
 void RoleTable::remove(std::int32_t id) {
-    ServiceStatement(database_, "DELETE FROM roles WHERE id = ?").bind(1, std::int64_t{id}).run();
+    SqliteStatement(database_, "DELETE FROM roles WHERE id = ?").bind(1, std::int64_t{id}).run();
 }
 
 boost::optional<OperationRecord> OperationTable::find(const std::string& name) const {
-    ServiceStatement operations(database_, "SELECT name, bit, applies_to FROM operations WHERE name = ?");
+    SqliteStatement operations(database_, "SELECT name, bit, applies_to FROM operations WHERE name = ?");
     if (!operations.bind(1, name).step()) {
         return boost::none;
     }
@@ -203,7 +200,7 @@ boost::optional<OperationRecord> OperationTable::find(const std::string& name) c
 
 std::vector<OperationRecord> OperationTable::all() const {
     std::vector<OperationRecord> found;
-    ServiceStatement operations(database_, "SELECT name, bit, applies_to FROM operations ORDER BY bit");
+    SqliteStatement operations(database_, "SELECT name, bit, applies_to FROM operations ORDER BY bit");
     while (operations.step()) {
         found.push_back(operationAt(operations));
     }
@@ -212,7 +209,7 @@ std::vector<OperationRecord> OperationTable::all() const {
 
 void OperationTable::add(const std::string& name, const std::string& appliesTo) {
     const std::int32_t bit = nextNumber(database_, "operation", "SELECT 1 FROM operations WHERE bit = ?");
-    ServiceStatement(database_, "INSERT INTO operations (bit, name, applies_to) VALUES (?, ?, ?)")
+    SqliteStatement(database_, "INSERT INTO operations (bit, name, applies_to) VALUES (?, ?, ?)")
         .bind(1, std::int64_t{bit})
         .bind(2, name)
         .bind(3, appliesTo)
@@ -228,9 +225,9 @@ std::map<ObjectNamespace, std::int32_t> OperationTable::bitNumbers() const {
 }
 
 boost::optional<ObjectRecord> ObjectTable::find(const std::string& name) const {
-    ServiceStatement objects(database_,
-                             "SELECT name, type, inherit, state, system_defined, changed_at, changed_by"
-                             " FROM objects WHERE name = ?");
+    SqliteStatement objects(database_,
+                            "SELECT name, type, inherit, state, system_defined, changed_at, changed_by"
+                            " FROM objects WHERE name = ?");
     if (!objects.bind(1, name).step()) {
         return boost::none;
     }
@@ -238,9 +235,9 @@ boost::optional<ObjectRecord> ObjectTable::find(const std::string& name) const {
 }
 
 void ObjectTable::add(const ObjectRecord& object) {
-    ServiceStatement(database_,
-                     "INSERT INTO objects (name, type, inherit, state, system_defined, changed_at, changed_by)"
-                     " VALUES (?, ?, ?, ?, ?, ?, ?)")
+    SqliteStatement(database_,
+                    "INSERT INTO objects (name, type, inherit, state, system_defined, changed_at, changed_by)"
+                    " VALUES (?, ?, ?, ?, ?, ?, ?)")
         .bind(1, object.name)
         .bind(2, object.type)
         .bind(3, std::int64_t{object.inherit})
@@ -252,14 +249,14 @@ void ObjectTable::add(const ObjectRecord& object) {
 }
 
 void ObjectTable::setInherit(const std::string& name, bool inherit) {
-    ServiceStatement(database_, "UPDATE objects SET inherit = ? WHERE name = ?")
+    SqliteStatement(database_, "UPDATE objects SET inherit = ? WHERE name = ?")
         .bind(1, std::int64_t{inherit})
         .bind(2, name)
         .run();
 }
 
 void ObjectTable::setState(const ObjectRecord& object) {
-    ServiceStatement(database_, "UPDATE objects SET state = ?, changed_at = ?, changed_by = ? WHERE name = ?")
+    SqliteStatement(database_, "UPDATE objects SET state = ?, changed_at = ?, changed_by = ? WHERE name = ?")
         .bind(1, static_cast<std::int64_t>(object.state))
         .bind(2, object.changedAt)
         .bind(3, object.changedBy)
@@ -268,12 +265,12 @@ void ObjectTable::setState(const ObjectRecord& object) {
 }
 
 void ObjectTable::remove(const std::string& name) {
-    ServiceStatement(database_, "DELETE FROM objects WHERE name = ?").bind(1, name).run();
+    SqliteStatement(database_, "DELETE FROM objects WHERE name = ?").bind(1, name).run();
 }
 
 void ObjectTable::removeTree(const std::string& name) {
     // A text form begins with those of all its ancestors; "}" follows "|".
-    ServiceStatement(database_, "DELETE FROM objects WHERE name >= ? AND name < ?")
+    SqliteStatement(database_, "DELETE FROM objects WHERE name >= ? AND name < ?")
         .bind(1, name)
         .bind(2, name.substr(0, name.size() - 1) + "}")
         .run();
@@ -281,9 +278,9 @@ void ObjectTable::removeTree(const std::string& name) {
 
 std::vector<ObjectRecord> ObjectTable::pending() const {
     std::vector<ObjectRecord> found;
-    ServiceStatement objects(database_,
-                             "SELECT name, type, inherit, state, system_defined, changed_at, changed_by"
-                             " FROM objects WHERE state = 1 ORDER BY changed_at, name");
+    SqliteStatement objects(database_,
+                            "SELECT name, type, inherit, state, system_defined, changed_at, changed_by"
+                            " FROM objects WHERE state = 1 ORDER BY changed_at, name");
     while (objects.step()) {
         found.push_back(objectAt(objects));
     }
@@ -294,15 +291,15 @@ ModelObject ObjectTable::modelObject(const std::string& name) const {
     ModelObject object;
     object.name = boost::lexical_cast<ObjectNamespace>(name);
     object.state = ObjectState::DELETED;
-    ServiceStatement objects(database_, "SELECT id, inherit, state FROM objects WHERE name = ?");
+    SqliteStatement objects(database_, "SELECT id, inherit, state FROM objects WHERE name = ?");
     if (!objects.bind(1, name).step()) {
         return object;
     }
     object.inherit = objects.integer(1) != 0;
     object.state = static_cast<ObjectState>(objects.integer(2));
-    ServiceStatement grants(database_,
-                            "SELECT d.object, d.role, d.propagation, o.operation FROM definitions d"
-                            " JOIN definition_operations o ON o.definition = d.id WHERE d.object = ?");
+    SqliteStatement grants(database_,
+                           "SELECT d.object, d.role, d.propagation, o.operation FROM definitions d"
+                           " JOIN definition_operations o ON o.definition = d.id WHERE d.object = ?");
     grants.bind(1, objects.integer(0));
     while (grants.step()) {
         object.grants.push_back(grantAt(grants));
@@ -312,10 +309,10 @@ ModelObject ObjectTable::modelObject(const std::string& name) const {
 
 AccessModel ObjectTable::model() const {
     AccessModel model;
-    ServiceStatement objects(database_, "SELECT id, name, inherit, state FROM objects ORDER BY id");
-    ServiceStatement grants(database_,
-                            "SELECT d.object, d.role, d.propagation, o.operation FROM definitions d"
-                            " JOIN definition_operations o ON o.definition = d.id ORDER BY d.object");
+    SqliteStatement objects(database_, "SELECT id, name, inherit, state FROM objects ORDER BY id");
+    SqliteStatement grants(database_,
+                           "SELECT d.object, d.role, d.propagation, o.operation FROM definitions d"
+                           " JOIN definition_operations o ON o.definition = d.id ORDER BY d.object");
     bool more = grants.step();
     while (objects.step()) {
         ModelObject object;
@@ -332,11 +329,11 @@ AccessModel ObjectTable::model() const {
 
 std::vector<DefinitionRecord> DefinitionTable::ofObject(const std::string& object) const {
     std::vector<DefinitionRecord> found;
-    ServiceStatement rows(database_,
-                          "SELECT d.id, d.role, d.propagation, p.name FROM definitions d"
-                          " LEFT JOIN definition_operations o ON o.definition = d.id"
-                          " LEFT JOIN operations p ON p.bit = o.operation"
-                          " WHERE d.object = (SELECT id FROM objects WHERE name = ?) ORDER BY d.id, o.position");
+    SqliteStatement rows(database_,
+                         "SELECT d.id, d.role, d.propagation, p.name FROM definitions d"
+                         " LEFT JOIN definition_operations o ON o.definition = d.id"
+                         " LEFT JOIN operations p ON p.bit = o.operation"
+                         " WHERE d.object = (SELECT id FROM objects WHERE name = ?) ORDER BY d.id, o.position");
     rows.bind(1, object);
     while (rows.step()) {
         if (found.empty() || found.back().id != rows.integer(0)) {
@@ -352,27 +349,27 @@ std::vector<DefinitionRecord> DefinitionTable::ofObject(const std::string& objec
 }
 
 bool DefinitionTable::exists(const std::string& object, std::int64_t id) const {
-    return ServiceStatement(database_,
-                            "SELECT 1 FROM definitions WHERE id = ? AND object ="
-                            " (SELECT id FROM objects WHERE name = ?)")
+    return SqliteStatement(database_,
+                           "SELECT 1 FROM definitions WHERE id = ? AND object ="
+                           " (SELECT id FROM objects WHERE name = ?)")
         .bind(1, id)
         .bind(2, object)
         .step();
 }
 
 std::int64_t DefinitionTable::add(const DefinitionRecord& definition) {
-    ServiceStatement insert(database_,
-                            "INSERT INTO definitions (object, role, propagation)"
-                            " VALUES ((SELECT id FROM objects WHERE name = ?), ?, ?) RETURNING id");
+    SqliteStatement insert(database_,
+                           "INSERT INTO definitions (object, role, propagation)"
+                           " VALUES ((SELECT id FROM objects WHERE name = ?), ?, ?) RETURNING id");
     insert.bind(1, definition.object)
         .bind(2, std::int64_t{definition.roleId})
         .bind(3, static_cast<std::int64_t>(definition.propagation));
     insert.step();
     const std::int64_t id = insert.integer(0);
     insert.step();
-    ServiceStatement operations(database_,
-                                "INSERT INTO definition_operations (definition, position, operation)"
-                                " VALUES (?, ?, (SELECT bit FROM operations WHERE name = ?))");
+    SqliteStatement operations(database_,
+                               "INSERT INTO definition_operations (definition, position, operation)"
+                               " VALUES (?, ?, (SELECT bit FROM operations WHERE name = ?))");
     std::int64_t position = 0;
     for (const std::string& operation : definition.operations) {
         operations.bind(1, id).bind(2, position).bind(3, operation).run();
@@ -382,11 +379,11 @@ std::int64_t DefinitionTable::add(const DefinitionRecord& definition) {
 }
 
 void DefinitionTable::remove(std::int64_t id) {
-    ServiceStatement(database_, "DELETE FROM definitions WHERE id = ?").bind(1, id).run();
+    SqliteStatement(database_, "DELETE FROM definitions WHERE id = ?").bind(1, id).run();
 }
 
 std::int64_t DefinitionTable::countOfRole(std::int32_t roleId) const {
-    ServiceStatement count(database_, "SELECT count(*) FROM definitions WHERE role = ?");
+    SqliteStatement count(database_, "SELECT count(*) FROM definitions WHERE role = ?");
     count.bind(1, std::int64_t{roleId}).step();
     return count.integer(0);
 }

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "sandbox/AccessModel.h"
-#include "sandbox/ServiceDatabase.h"
+#include "sandbox/SqliteDatabase.h"
 
 #include <boost/optional.hpp>
 
@@ -21,11 +21,11 @@ namespace Sandbox {
 
 /// Makes the tables where they are missing, with what every installation has: the roles and operations that the system
 /// itself defines, and the objects at the top.
-void createServiceTables(ServiceDatabase& database);
+void createServiceTables(SqliteDatabase& database);
 
 /// Where the caches are published, if that has been set.
-boost::optional<std::string> publicationFolder(ServiceDatabase& database);
-void setPublicationFolder(ServiceDatabase& database, const std::string& path);
+boost::optional<std::string> publicationFolder(SqliteDatabase& database);
+void setPublicationFolder(SqliteDatabase& database, const std::string& path);
 
 struct RoleRecord {
     std::int32_t id;
@@ -36,7 +36,7 @@ struct RoleRecord {
 
 class RoleTable {
 public:
-    explicit RoleTable(ServiceDatabase& database) : database_(database) {}
+    explicit RoleTable(SqliteDatabase& database) : database_(database) {}
 
     boost::optional<RoleRecord> find(std::int32_t id) const;
     boost::optional<RoleRecord> findByName(const std::string& name) const;
@@ -49,7 +49,7 @@ public:
     void remove(std::int32_t id);
 
 private:
-    ServiceDatabase& database_;
+    SqliteDatabase& database_;
 };
 
 struct OperationRecord {
@@ -60,7 +60,7 @@ struct OperationRecord {
 
 class OperationTable {
 public:
-    explicit OperationTable(ServiceDatabase& database) : database_(database) {}
+    explicit OperationTable(SqliteDatabase& database) : database_(database) {}
 
     boost::optional<OperationRecord> find(const std::string& name) const;
     /// All, by number.
@@ -70,7 +70,7 @@ public:
     std::map<ObjectNamespace, std::int32_t> bitNumbers() const;
 
 private:
-    ServiceDatabase& database_;
+    SqliteDatabase& database_;
 };
 
 struct ObjectRecord {
@@ -85,7 +85,7 @@ struct ObjectRecord {
 
 class ObjectTable {
 public:
-    explicit ObjectTable(ServiceDatabase& database) : database_(database) {}
+    explicit ObjectTable(SqliteDatabase& database) : database_(database) {}
 
     boost::optional<ObjectRecord> find(const std::string& name) const;
     /// Adds an object that is not there yet.
@@ -105,7 +105,7 @@ public:
     AccessModel model() const;
 
 private:
-    ServiceDatabase& database_;
+    SqliteDatabase& database_;
 };
 
 struct DefinitionRecord {
@@ -118,7 +118,7 @@ struct DefinitionRecord {
 
 class DefinitionTable {
 public:
-    explicit DefinitionTable(ServiceDatabase& database) : database_(database) {}
+    explicit DefinitionTable(SqliteDatabase& database) : database_(database) {}
 
     /// Those of an object, in the order in which they were added.
     std::vector<DefinitionRecord> ofObject(const std::string& object) const;
@@ -130,12 +130,12 @@ public:
     std::int64_t countOfRole(std::int32_t roleId) const;
 
 private:
-    ServiceDatabase& database_;
+    SqliteDatabase& database_;
 };
 
 /// All tables of one database.
 struct ServiceTables {
-    explicit ServiceTables(ServiceDatabase& database)
+    explicit ServiceTables(SqliteDatabase& database)
         : roles(database), operations(database), objects(database), definitions(database) {}
 
     RoleTable roles;

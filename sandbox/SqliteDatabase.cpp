@@ -2,19 +2,24 @@
 
 #include "platform/Handles.h"
 
+#include <platform/Logger.h>
+
 #include <fcntl.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
 
 #include <stdexcept>
+#include <utility>
 
 namespace Tesmor::Arkwell::Sandbox {
 
 namespace {
 
-[[noreturn]] void fail(sqlite3* database, int result) {
-    throw std::runtime_error(std::string("SQLite: ") +
-                             (database != nullptr ? sqlite3_errmsg(database) : sqlite3_errstr(result)));
+constexpr int LOCK_WAIT_MS = 10'000;
+constexpr int LEVEL_ERROR = 16;
+
+[[noreturn]] void fail(sqlite3* database) {
+    throw std::runtime_error(std::string("SQLite: ") + sqlite3_errmsg(database));
 }
 
 }  // namespace
@@ -23,40 +28,67 @@ void SqliteDatabase::Close::operator()(sqlite3* database) const {
     sqlite3_close_v2(database);
 }
 
+void SqliteDatabase::Finalize::operator()(sqlite3_stmt* statement) const {
+    sqlite3_finalize(statement);
+}
+
+SqliteDatabase SqliteDatabase::create(const std::string& path) {
+    // SQLite would give it the permissions of the process's umask. Its log and index follow it.
+    platform_detail::Descriptor(open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR));
+    return SqliteDatabase(path);
+}
+
 SqliteDatabase::SqliteDatabase(const std::string& path) {
-    // Made here, because SQLite would give it the permissions of the process's umask. Its log and index follow it. A
-    // file that is there is not opened: closing it would end the locks of every other connection of this process.
-    const platform_detail::Descriptor file(
-        open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR));
     sqlite3* opened = nullptr;
     const int result = sqlite3_open_v2(path.c_str(), &opened, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr);
     database_.reset(opened);
     if (result != SQLITE_OK) {
         throw std::runtime_error("SQLite: " + path + ": " + sqlite3_errstr(result));
     }
-    sqlite3_busy_timeout(opened, 10000);
+    sqlite3_busy_timeout(opened, LOCK_WAIT_MS);
     execute("PRAGMA journal_mode = WAL; PRAGMA synchronous = FULL; PRAGMA foreign_keys = ON");
 }
 
-// NOLINTNEXTLINE(readability-make-member-function-const): it changes the database
+SqliteDatabase::~SqliteDatabase() = default;
+
 void SqliteDatabase::execute(const char* sql) {
-    const int result = sqlite3_exec(handle(), sql, nullptr, nullptr, nullptr);
-    if (result != SQLITE_OK) {
-        fail(handle(), result);
+    if (sqlite3_exec(database_.get(), sql, nullptr, nullptr, nullptr) != SQLITE_OK) {
+        fail(database_.get());
     }
 }
 
-void SqliteStatement::Finalize::operator()(sqlite3_stmt* statement) const {
-    sqlite3_finalize(statement);
-}
-
-SqliteStatement::SqliteStatement(const SqliteDatabase& database, const char* sql) {
+SqliteDatabase::StatementPointer SqliteDatabase::take(std::string_view sql) {
+    std::vector<StatementPointer>& idle = idle_[sql];
+    if (!idle.empty()) {
+        StatementPointer statement = std::move(idle.back());
+        idle.pop_back();
+        return statement;
+    }
+    idle.reserve(1);  // so that giving it back needs no memory
     sqlite3_stmt* prepared = nullptr;
-    const int result = sqlite3_prepare_v2(database.handle(), sql, -1, &prepared, nullptr);
-    statement_.reset(prepared);
+    const int result = sqlite3_prepare_v3(database_.get(), sql.data(), static_cast<int>(sql.size()),
+                                          SQLITE_PREPARE_PERSISTENT, &prepared, nullptr);
+    StatementPointer statement(prepared);
     if (result != SQLITE_OK) {
-        fail(database.handle(), result);
+        fail(database_.get());
     }
+    return statement;
+}
+
+void SqliteDatabase::giveBack(std::string_view sql, StatementPointer statement) noexcept {
+    sqlite3_reset(statement.get());
+    sqlite3_clear_bindings(statement.get());
+    const auto idle = idle_.find(sql);
+    if (idle != idle_.end() && idle->second.size() < idle->second.capacity()) {
+        idle->second.push_back(std::move(statement));
+    }
+}
+
+SqliteStatement::SqliteStatement(SqliteDatabase& database, const char* sql)
+    : database_(database), sql_(sql), statement_(database.take(sql_)) {}
+
+SqliteStatement::~SqliteStatement() {
+    database_.giveBack(sql_, std::move(statement_));
 }
 
 SqliteStatement& SqliteStatement::bind(int parameter, std::int64_t value) {
@@ -80,7 +112,8 @@ bool SqliteStatement::step() {
 }
 
 void SqliteStatement::run() {
-    step();
+    while (step()) {
+    }
     require(sqlite3_reset(statement_.get()));
 }
 
@@ -96,7 +129,7 @@ std::string SqliteStatement::text(int column) const {
 
 void SqliteStatement::require(int result) const {
     if (result != SQLITE_OK) {
-        fail(sqlite3_db_handle(statement_.get()), result);
+        fail(sqlite3_db_handle(statement_.get()));
     }
 }
 
@@ -105,8 +138,14 @@ SqliteTransaction::SqliteTransaction(SqliteDatabase& database) : database_(datab
 }
 
 SqliteTransaction::~SqliteTransaction() {
-    if (open_) {
-        sqlite3_exec(database_.handle(), "ROLLBACK", nullptr, nullptr, nullptr);
+    if (!open_) {
+        return;
+    }
+    try {
+        database_.execute("ROLLBACK");
+    } catch (const std::exception& failure) {
+        // After some failures SQLite has undone the changes already.
+        logmsgf(LEVEL_ERROR, "SqliteTransaction", "%s", failure.what());
     }
 }
 

@@ -93,7 +93,7 @@ private:
     }
 
     /// Runs a statement that returns the number of what it added.
-    static std::int64_t newId(ServiceStatement& statement) {
+    static std::int64_t newId(SqliteStatement& statement) {
         statement.step();
         const std::int64_t id = statement.integer(0);
         statement.run();  // to its end
@@ -103,9 +103,9 @@ private:
     StateChange& change_;
     const AccessModel& model_;
     const std::string now_ = platform_detail::utcText(std::chrono::system_clock::now());
-    ServiceStatement object_;
-    ServiceStatement definition_;
-    ServiceStatement operation_;
+    SqliteStatement object_;
+    SqliteStatement definition_;
+    SqliteStatement operation_;
 };
 
 }  // namespace
@@ -127,7 +127,7 @@ Revocation parseRevocation(const std::string& text) {
 ImportCounts importIntoState(AccessService& service, const std::string& path,
                              const std::vector<Revocation>& revocations) {
     ImportCounts counts;
-    const AccessModel model = importTree(path, revocations, {}, counts);
+    const AccessModel model = importTree(path, revocations, counts);
     service.change([&](StateChange& change) {
         change.tables.objects.removeTree(namespaceOfPath(path).str());
         StateFiller(change, model).fill();

@@ -20,8 +20,6 @@ namespace fs = std::filesystem;
 namespace operations = Rbac::root_namespaces::operations;
 using Rbac::ObjectNamespace;
 
-constexpr std::size_t PROGRESS_STEP = 10'000;
-
 /// What decides about access to a file.
 struct Protection {
     uid_t owner;
@@ -98,8 +96,8 @@ struct stat statusOf(const std::string& path) {
 
 class Importer {
 public:
-    Importer(const std::vector<Revocation>& revocations, const std::function<void(std::size_t)>& onProgress)
-        : revocations_(revocations), onProgress_(onProgress), revoked_(revocations.size(), false) {}
+    explicit Importer(const std::vector<Revocation>& revocations)
+        : revocations_(revocations), revoked_(revocations.size(), false) {}
 
     void run(const std::string& root) {
         const struct stat top = statusOf(root);
@@ -162,9 +160,7 @@ private:
             }
         }
         model_.add(object);
-        if (++counts_.objects % PROGRESS_STEP == 0 && onProgress_) {
-            onProgress_(counts_.objects);
-        }
+        ++counts_.objects;
     }
 
     static void revoke(ModelObject& object, const Revocation& revocation, std::vector<Grant> grants) {
@@ -182,7 +178,6 @@ private:
     }
 
     const std::vector<Revocation>& revocations_;
-    const std::function<void(std::size_t)>& onProgress_;
     std::vector<bool> revoked_;
     AccessModel model_;
     ImportCounts counts_;
@@ -200,9 +195,8 @@ ObjectNamespace namespaceOfPath(const std::string& path) {
     return name;
 }
 
-AccessModel importTree(const std::string& root, const std::vector<Revocation>& revocations,
-                       const std::function<void(std::size_t)>& onProgress, ImportCounts& counts) {
-    Importer importer(revocations, onProgress);
+AccessModel importTree(const std::string& root, const std::vector<Revocation>& revocations, ImportCounts& counts) {
+    Importer importer(revocations);
     importer.run(root);
     counts = importer.counts();
     return importer.takeModel();

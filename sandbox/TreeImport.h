@@ -5,7 +5,6 @@
 #include <rbac/ObjectNamespace.h>
 
 #include <cstddef>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -34,10 +33,8 @@ struct ImportCounts {
 ///
 /// Symbolic links are objects and are not followed; other file systems below `root` are entered.
 ///
-/// @param onProgress called now and then with the number of objects so far; may be empty.
 /// @throws std::system_error where `root` cannot be read; std::invalid_argument where a revocation names a path that is
 /// not in the tree or an operation that there is not.
-AccessModel importTree(const std::string& root, const std::vector<Revocation>& revocations,
-                       const std::function<void(std::size_t)>& onProgress, ImportCounts& counts);
+AccessModel importTree(const std::string& root, const std::vector<Revocation>& revocations, ImportCounts& counts);
 
 }  // namespace Tesmor::Arkwell::Sandbox

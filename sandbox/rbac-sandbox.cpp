@@ -6,6 +6,7 @@
 #include "sandbox/ServiceCommands.h"
 #include "sandbox/SqliteDatabase.h"
 #include "sandbox/TokenIssuer.h"
+#include "sandbox/UnixRoles.h"
 #include "sandbox/UserStore.h"
 
 #include <CLI/CLI.hpp>
@@ -15,7 +16,6 @@
 #include <iostream>
 #include <map>
 #include <memory>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -28,6 +28,7 @@ struct Options {
     SandboxOptions init;
     User user;
     std::vector<int> roleIds;
+    bool ofThisMachine = false;
     std::string domain = "sandbox";
     long lifetimeSeconds = 8L * 3600;
     bool unrecorded = false;
@@ -63,7 +64,10 @@ void init(const Options& options) {
 
 void addUser(const Options& options) {
     User user = options.user;
-    user.roleIds = std::set<int>(options.roleIds.begin(), options.roleIds.end());
+    if (options.ofThisMachine) {
+        user.roleIds = unix_roles::all(user.name);
+    }
+    user.roleIds.insert(options.roleIds.begin(), options.roleIds.end());
     State(options).users.put(user);
     printUser(user);
 }
@@ -158,6 +162,8 @@ private:
         adding->add_option("name", options_.user.name, "the user's name")->required();
         adding->add_option("--roles", options_.roleIds, "role ids, separated by commas; 0 may do everything")
             ->delimiter(',');
+        adding->add_flag("--of-this-machine", options_.ofThisMachine,
+                         "with the roles that import-tree gives the user of this name on this machine");
         adding->add_flag("--machine", options_.user.isMachine, "it is a machine, not a person");
         add(*users, "remove", "remove a user; sessions stay", "rbac-sandbox users remove alice", removeUser)
             ->add_option("name", options_.user.name, "the user's name")

@@ -31,7 +31,6 @@ constexpr int CACHE_INVALID = 12;
 constexpr int REQUEST_FAILED = 114;
 constexpr int RESPONSE_INVALID = 7610;
 constexpr long HTTP_OK = 200;
-constexpr std::size_t SERVER_NAME_SIZE = 257;
 
 // Shared by the clients of all caches, from the loading of the library to its unloading.
 OperationCache operationCache;
@@ -93,8 +92,8 @@ int requestCache(const std::string& scopeText, std::string& body) {
         return status;
     }
     const std::string path = CACHE_RESOURCE + encoded;
-    char server[SERVER_NAME_SIZE];
-    if (const int status = db_getservernameEx(server, sizeof server); status != 0) {
+    std::string server;
+    if (const int status = find_master(server); status != 0) {
         return status;
     }
     AWClientCURL client(server, SERVICE_PORT, SESSION_SERVICE, CERT_HOST);

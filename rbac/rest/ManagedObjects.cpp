@@ -29,11 +29,6 @@ constexpr char DEFINITION_TAG[] = "AccessDefinition::AccessDefinition";
 
 constexpr const char* PROPAGATION_NAMES[] = {"OBJECT", "CHILDREN", "OBJECT_AND_CHILDREN"};
 
-[[noreturn]] void throwIncomplete(const char* who, const json_error_t& error) {
-    logmsgf(16, who, "Error parsing JSON response at position %d: %s", error.position, error.text);
-    throw EC_exception(DOCUMENT_INCOMPLETE);
-}
-
 ManagedObjectState parseState(const std::string& text) {
     if (text == READY_STR) {
         return READY;
@@ -116,12 +111,9 @@ ManagedObjectResource::ManagedObjectResource(const json_t* resource) {
     json_error_t error;
     if (json_unpack_ex(unpackable(resource), &error, 0, "{s:s, s:s, s:{s:b, s:s}}", "type", &type, "id", &id,
                        "attributes", "inherit", &inherit, "state", &stateText) != 0) {
-        throwIncomplete(OBJECT_TAG, error);
+        throw_incomplete(error, OBJECT_TAG);
     }
-    if (type != std::string(OBJECT_TYPE)) {
-        logmsgf(16, OBJECT_TAG, "Unexpected response type: %s", type);
-        throw EC_exception(DOCUMENT_UNEXPECTED);
-    }
+    require_type(type, OBJECT_TYPE, OBJECT_TAG);
     objectNamespace = boost::lexical_cast<ObjectNamespace>(id);
     state = parseState(stateText);
 }
@@ -143,12 +135,9 @@ AccessDefinition::AccessDefinition(const json_t* resource) {
                        &propagationText, "relationships", "role", "data", "type", &roleType, "id", &roleText,
                        "operations", "data", &operationReferences, "managedObject", "data", "type", &objectType, "id",
                        &objectText) != 0) {
-        throwIncomplete(DEFINITION_TAG, error);
+        throw_incomplete(error, DEFINITION_TAG);
     }
-    if (type != std::string(DEFINITION_TYPE)) {
-        logmsgf(16, DEFINITION_TAG, "Unexpected response type: %s", type);
-        throw EC_exception(DOCUMENT_UNEXPECTED);
-    }
+    require_type(type, DEFINITION_TYPE, DEFINITION_TAG);
     if (link != nullptr) {
         href = link;
     }

@@ -27,10 +27,7 @@ ObjectNamespace readOperation(const json_t* resource) {
         logmsgf(16, TAG, "Error parsing JSON at position %d: %s", error.position, error.text);
         throw EC_exception(DOCUMENT_INCOMPLETE);
     }
-    if (type != std::string(OPERATION_TYPE)) {
-        logmsgf(16, TAG, "Unexpected response type: %s", type);
-        throw EC_exception(DOCUMENT_UNEXPECTED);
-    }
+    require_type(type, OPERATION_TYPE, TAG);
     return boost::lexical_cast<ObjectNamespace>(id);
 }
 

@@ -35,9 +35,18 @@ std::string describeDetails(const json_t* details) {
 
 }  // namespace
 
+int find_master(std::string& name) {
+    char buffer[SERVER_NAME_SIZE];
+    const int status = db_getservernameEx(buffer, sizeof buffer);
+    if (status == 0) {
+        name = buffer;
+    }
+    return status;
+}
+
 std::string get_master() {
-    char name[SERVER_NAME_SIZE];
-    if (const int status = db_getservernameEx(name, sizeof name); status != 0) {
+    std::string name;
+    if (const int status = find_master(name); status != 0) {
         logmsgf(16, "get_master", "Couldn't get master server: %d", status);
         throw EC_exception(status);
     }

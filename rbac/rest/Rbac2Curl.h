@@ -12,6 +12,11 @@ namespace Rbac {
 /// The port of the access-control service.
 constexpr int SERVICE_PORT = 1556;
 
+/// Looks the primary server's name up.
+///
+/// @return 0, or the platform's status with `name` untouched.
+int find_master(std::string& name);
+
 /// The name of the primary server.
 ///
 /// @throws EC_exception with the platform's status, which is logged.

@@ -26,4 +26,16 @@ const json_t* data_of(const json_t* document, const char* who) {
     return data;
 }
 
+void throw_incomplete(const json_error_t& error, const char* who) {
+    logmsgf(16, who, "Error parsing JSON response at position %d: %s", error.position, error.text);
+    throw EC_exception(DOCUMENT_INCOMPLETE);
+}
+
+void require_type(const std::string& type, const char* expected, const char* who) {
+    if (type != expected) {
+        logmsgf(16, who, "Unexpected response type: %s", type.c_str());
+        throw EC_exception(DOCUMENT_UNEXPECTED);
+    }
+}
+
 }  // namespace Tesmor::Arkwell::Rbac

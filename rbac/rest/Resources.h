@@ -26,6 +26,14 @@ boost::shared_ptr<json_t> parse_response(const std::string& body, const char* wh
 /// @throws EC_exception 7610 where there is none, which is logged.
 const json_t* data_of(const json_t* document, const char* who);
 
+/// Refuses a document whose shape jansson did not find.
+///
+/// @throws EC_exception 7610, after logging what jansson said.
+[[noreturn]] void throw_incomplete(const json_error_t& error, const char* who);
+
+/// @throws EC_exception 9103 unless the type is the expected one; the type is logged.
+void require_type(const std::string& type, const char* expected, const char* who);
+
 /// Jansson unpacks without changing what it unpacks, but does not say so.
 inline json_t* unpackable(const json_t* value) {
     return const_cast<json_t*>(value);  // NOLINT(cppcoreguidelines-pro-type-const-cast)

@@ -82,13 +82,9 @@ Role::Role(const json_t* resource) {
     if (json_unpack_ex(unpackable(resource), &error, 0, "{s:s, s?:{s:{s:s}}, s:s, s:{s:s, s?:s, s?:b}}", "type", &type,
                        "links", "self", "href", &link, "id", &idText, "attributes", "name", &nameText, "description",
                        &descriptionText, "systemDefined", &isSystemDefined) != 0) {
-        logmsgf(16, ROLE_TAG, "Error parsing JSON response at position %d: %s", error.position, error.text);
-        throw EC_exception(DOCUMENT_INCOMPLETE);
+        throw_incomplete(error, ROLE_TAG);
     }
-    if (type != std::string(ROLE_TYPE)) {
-        logmsgf(16, ROLE_TAG, "Unexpected response type: %s", type);
-        throw EC_exception(DOCUMENT_UNEXPECTED);
-    }
+    require_type(type, ROLE_TYPE, ROLE_TAG);
     if (link != nullptr) {
         href = link;
     }

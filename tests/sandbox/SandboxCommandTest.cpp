@@ -111,6 +111,15 @@ TEST_F(SandboxCommandTest, EndsSessions) {
     EXPECT_EQ(succeed("tokens list"), "");
 }
 
+TEST_F(SandboxCommandTest, TakesAUserOfThisMachineWithTheRolesThatFilesHaveHere) {
+    succeed("init");
+    EXPECT_EQ(succeed("users add root --of-this-machine").rfind("root: roles 0, 1, ", 0), 0U);
+    EXPECT_EQ(succeed("users add root --of-this-machine --roles 77").find(", 77") != std::string::npos, true);
+    const Result result = run("users add no-such-user --of-this-machine");
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.output, "rbac-sandbox: there is no user no-such-user\n");
+}
+
 TEST_F(SandboxCommandTest, ListsUsers) {
     succeed("init");
     succeed("users add bob");
@@ -159,7 +168,7 @@ TEST_F(SandboxCommandTest, LeavesTheStateToWhoHasItOpen) {
     SqliteDatabase held(folder_ + "/state.db");
     UserStore users(held);
     users.put({"alice"});
-    { const SqliteDatabase second(folder_ + "/state.db"); }
+    SqliteDatabase::create(folder_ + "/state.db");
     succeed("users add bob");
     EXPECT_TRUE(std::filesystem::exists(folder_ + "/state.db-wal"));
     users.put({"carol"});

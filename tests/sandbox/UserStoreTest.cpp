@@ -15,7 +15,7 @@ namespace {
 class UserStoreTest : public testing::Test {
 protected:
     testing_support::TemporaryDirectory directory_;
-    SqliteDatabase database_{directory_ / "state.db"};
+    SqliteDatabase database_ = SqliteDatabase::create(directory_ / "state.db");
     UserStore users_{database_};
 };
 
@@ -83,7 +83,7 @@ TEST_F(UserStoreTest, IsForItsOwnerOnly) {
 
 TEST(SqliteDatabaseTest, UndoesATransactionThatIsNotCommitted) {
     const testing_support::TemporaryDirectory directory;
-    SqliteDatabase database(directory / "a.db");
+    SqliteDatabase database = SqliteDatabase::create(directory / "a.db");
     database.execute("CREATE TABLE t (n INTEGER)");
     {
         const SqliteTransaction transaction(database);
@@ -94,12 +94,13 @@ TEST(SqliteDatabaseTest, UndoesATransactionThatIsNotCommitted) {
 
 TEST(SqliteDatabaseTest, ReportsWhatSqliteSays) {
     const testing_support::TemporaryDirectory directory;
-    SqliteDatabase database(directory / "a.db");
+    SqliteDatabase database = SqliteDatabase::create(directory / "a.db");
     try {
         database.execute("nonsense");
         FAIL();
     } catch (const std::runtime_error& failure) {
         EXPECT_STREQ(failure.what(), "SQLite: near \"nonsense\": syntax error");
     }
-    EXPECT_THROW(SqliteDatabase(directory / "no/such/folder.db"), std::runtime_error);
+    EXPECT_THROW(SqliteDatabase::create(directory / "no/such/folder.db"), std::runtime_error);
+    EXPECT_THROW(SqliteDatabase(directory / "missing.db"), std::runtime_error);
 }
