@@ -34,7 +34,8 @@ void SqliteDatabase::Finalize::operator()(sqlite3_stmt* statement) const {
 
 SqliteDatabase SqliteDatabase::create(const std::string& path) {
     // SQLite would give it the permissions of the process's umask. Its log and index follow it.
-    platform_detail::Descriptor(open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR));
+    const platform_detail::Descriptor created(
+        open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR));
     return SqliteDatabase(path);
 }
 

@@ -23,7 +23,7 @@ boost::shared_ptr<json_t> owned(json_t* value) {
 boost::shared_ptr<json_t> made(json_t* value) {
     boost::shared_ptr<json_t> handle = owned(value);
     if (!handle) {
-        // NOLINTNEXTLINE(cert-err09-cpp,cert-err61-cpp,misc-throw-by-value-catch-by-reference): see the header
+        // NOLINTNEXTLINE(misc-throw-by-value-catch-by-reference): see the header
         throw new std::bad_alloc;
     }
     return handle;

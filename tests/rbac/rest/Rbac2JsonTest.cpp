@@ -84,7 +84,7 @@ TEST(Rbac2JsonTest, ThrowsAPointerForAStringThatCannotBeMade) {
     try {
         json_string_shared("\xFF");
         FAIL();
-        // NOLINTNEXTLINE(cert-err09-cpp,cert-err61-cpp,misc-throw-by-value-catch-by-reference): as it is thrown
+        // NOLINTNEXTLINE(misc-throw-by-value-catch-by-reference): as it is thrown
     } catch (std::bad_alloc* thrown) {
         const std::unique_ptr<std::bad_alloc> owner(thrown);
         SUCCEED();
