@@ -13,6 +13,7 @@
 #include <chrono>
 #include <climits>
 #include <new>
+#include <string_view>
 #include <utility>
 
 namespace platform_detail {
@@ -20,6 +21,7 @@ namespace platform_detail {
 namespace {
 
 constexpr std::size_t MAX_HEADER_BYTES = 262144;
+constexpr std::string_view STATUS_LINE = "HTTP/";
 constexpr long NO_CONTENT = 204;
 constexpr long NOT_MODIFIED = 304;
 
@@ -44,7 +46,13 @@ std::size_t onBody(const char* data, std::size_t /*one*/, std::size_t size, void
 std::size_t onHeader(const char* line, std::size_t /*one*/, std::size_t size, void* pointer) {
     auto& exchange = *static_cast<HttpExchange*>(pointer);
     exchange.headerBytes += size;
-    exchange.headersEnded = size <= 2 && line[size - 1] == '\n';
+    // What follows a chunked body are lines of headers, too, but only a status line begins another answer.
+    const std::string_view text(line, size);
+    if (text.substr(0, STATUS_LINE.size()) == STATUS_LINE) {
+        exchange.headersEnded = false;
+    } else if (text == "\r\n" || text == "\n") {
+        exchange.headersEnded = true;
+    }
     exchange.tooLarge = exchange.headerBytes > MAX_HEADER_BYTES;
     return exchange.tooLarge ? 0 : size;
 }

@@ -158,7 +158,8 @@ HttpPool::Loan HttpPool::lend(const std::string& host, int port, AWCurlSessionTy
     return {*this, std::move(connection)};
 }
 
-void HttpPool::putIdle(std::unique_ptr<HttpConnection> connection, Connections& closed) {
+/// Where there is no memory, the connection stays with the caller, who closes it without the mutex.
+void HttpPool::putIdle(std::unique_ptr<HttpConnection>& connection, Connections& closed) {
     const auto known = find(connection->peer());
     if (known == known_.end()) {
         closed.push_back(std::move(connection));
@@ -170,7 +171,8 @@ void HttpPool::putIdle(std::unique_ptr<HttpConnection> connection, Connections& 
     } else if (idleCount() == MOST_IDLE) {
         closeOldest(closed);
     }
-    known->idle.push_back({std::move(connection), coarseNow()});
+    known->idle.push_back({nullptr, coarseNow()});
+    known->idle.back().connection = std::move(connection);
 }
 
 void HttpPool::giveBack(std::unique_ptr<HttpConnection>& connection, bool intact) {
@@ -181,7 +183,7 @@ void HttpPool::giveBack(std::unique_ptr<HttpConnection>& connection, bool intact
         // OpenSSL may have ended already, so nothing is closed any more.
         late_.push_back(std::move(connection));
     } else if (intact && connection->isKept()) {
-        putIdle(std::move(connection), closed);
+        putIdle(connection, closed);
     }
 }
 

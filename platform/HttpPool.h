@@ -81,7 +81,7 @@ private:
     void closeOldest(Connections& closed);
     std::size_t idleCount() const;
     void giveBack(std::unique_ptr<HttpConnection>& connection, bool intact);
-    void putIdle(std::unique_ptr<HttpConnection> connection, Connections& closed);
+    void putIdle(std::unique_ptr<HttpConnection>& connection, Connections& closed);
 
     std::mutex mutex_;
     bool begun_ = false;  // libcurl is in use

@@ -104,6 +104,8 @@ public:
     /// @param operations an array of objects with an "id", the operation's namespace as text, and the "type"
     /// "accessControlOperation". Shared for the call.
     /// @return the definition as the service has it now.
+    /// @throws std::invalid_argument for a propagation that is none of the three, std::bad_alloc for no operations:
+    /// before anything is sent.
     AccessDefinition add_access_definition(const ObjectNamespace& ns, const Role& role, Propagation propagation,
                                            boost::shared_ptr<json_t> operations);
 

@@ -55,13 +55,14 @@ public:
     ///
     /// @param name 1 to 64 bytes.
     /// @param description at most 256 bytes.
-    /// @throws std::length_error, std::invalid_argument: before anything is sent.
+    /// @throws std::length_error, std::invalid_argument, and std::bad_alloc for text that is not UTF-8: before anything
+    /// is sent.
     Role create_role(const std::string& name, const std::string& description);
 
     /// Changes the name and the description of the role that `role.href` links to.
     ///
     /// @param role its name has 1 to 256 bytes, its description at most 256.
-    /// @throws std::length_error, std::invalid_argument: before anything is sent.
+    /// @throws as create_role().
     void update_role(const Role& role);
 
     void delete_role_by_id(int id);

@@ -7,6 +7,8 @@
 #include <platform/Text.h>
 #include <rbac/EC_exception.h>
 
+#include <climits>
+
 namespace Tesmor::Arkwell::Rbac {
 
 namespace {
@@ -67,17 +69,19 @@ void throw_on_http_error(int expected, int actual, const std::string& body, cons
         return;
     }
     const JsonPointer document(json_loads(body.c_str(), 0, nullptr));
-    int code = 0;
+    json_int_t code = 0;
     const char* message = nullptr;
     json_t* details = nullptr;
-    if (!document || json_unpack(document.get(), "{s:i, s:s, s?:o}", "errorCode", &code, "errorMessage", &message,
-                                 "errorDetails", &details) != 0) {
+    if (!document ||
+        json_unpack(document.get(), "{s:I, s:s, s?:o}", "errorCode", &code, "errorMessage", &message, "errorDetails",
+                    &details) != 0 ||
+        code < INT_MIN || code > INT_MAX) {
         logmsgf(16, who, "Unexpected HTTP status: %d", actual);
         throw EC_exception(REQUEST_FAILED);
     }
     const std::string text = message + describeDetails(details);
     logmsgf(16, who, "Unexpected HTTP status: %d: %s", actual, text.c_str());
-    throw EC_exception(code);
+    throw EC_exception(static_cast<int>(code));
 }
 
 std::string finish_request(const AWClientCURL_Base& client, int transportStatus, const std::string& url, int expected,

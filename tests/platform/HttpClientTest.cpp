@@ -255,6 +255,36 @@ TEST_F(HttpClient, AChunkedBodyIsPutTogether) {
     EXPECT_EQ("abcde", asking.responseBody);
 }
 
+TEST_F(HttpClient, HeadersMayFollowAChunkedBody) {
+    Server trailing(fixture.options(), [](Connection& c) {
+        c.read();
+        c.write("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n3\r\nabc\r\n0\r\nX-T: v\r\nX-U: w\r\n\r\n");
+        c.answerAll(200, "more");
+    });
+    AWClientCURL asking = HttpFixture::client(trailing);
+    EXPECT_EQ(0, asking.Get("a"));
+    EXPECT_EQ(200, asking.httpStatus);
+    EXPECT_EQ("abc", asking.responseBody);
+    EXPECT_EQ(0, asking.Get("a"));
+    EXPECT_EQ("more", asking.responseBody);
+    EXPECT_EQ(1, trailing.connections());
+}
+
+TEST_F(HttpClient, TheAnswerComesAfterWhatOnlyAnnouncesIt) {
+    for (const char* announcement : {"100 Continue", "103 Early Hints\r\nLink: </a>"}) {
+        Server announcing(fixture.options(), [announcement](Connection& c) {
+            c.read();
+            c.write("HTTP/1.1 " + std::string(announcement) + "\r\n\r\n");
+            c.answer(200, "the answer");
+            c.stall();
+        });
+        AWClientCURL asking = HttpFixture::client(announcing);
+        EXPECT_EQ(0, asking.Get("a")) << announcement;
+        EXPECT_EQ(200, asking.httpStatus);
+        EXPECT_EQ("the answer", asking.responseBody);
+    }
+}
+
 TEST_F(HttpClient, ABodyWithoutALengthEndsWithTheConnection) {
     Server closing(fixture.options(), [](Connection& c) {
         c.read();
@@ -309,6 +339,23 @@ TEST_F(HttpClient, ReachesAServerByItsAddress) {
     EXPECT_EQ(0, asking.Get("a"));
     EXPECT_EQ("127.0.0.1:" + std::to_string(server.port()), received().header("Host"));
 }
+
+class Ipv6Address : public HttpClient, public testing::WithParamInterface<const char*> {};
+
+TEST_P(Ipv6Address, ReachesAServer) {
+    if (!testing_support::hasIpv6Loopback()) {
+        GTEST_SKIP() << "this machine has no IPv6";
+    }
+    Server::Options options = fixture.options();
+    options.ipv6 = true;
+    Server six(options, [](Connection& c) { c.answerAll(200, "the answer"); });
+    AWClientCURL asking(GetParam(), six.port(), SESSION_SERVICE, CERT_HOST);
+    EXPECT_EQ(0, asking.Get("a"));
+    EXPECT_EQ("the answer", asking.responseBody);
+    EXPECT_EQ("[::1]:" + std::to_string(six.port()), six.requests().front().header("Host"));
+}
+
+INSTANTIATE_TEST_SUITE_P(HttpClient, Ipv6Address, testing::Values("::1", "[::1]"));
 
 TEST_F(HttpClient, ShowsTheHostsCertificate) {
     Server::Options asking = fixture.options();

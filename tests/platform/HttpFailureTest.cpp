@@ -1,4 +1,5 @@
 #include "HttpFixture.h"
+#include "testing/ChildProcess.h"
 #include "testing/LogCapture.h"
 #include "testing/NetworkFaults.h"
 #include "testing/TemporaryDirectory.h"
@@ -6,22 +7,29 @@
 #include <platform/HttpClient.h>
 #include <platform/Status.h>
 
+#include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <openssl/ssl.h>
+#include <openssl/x509_vfy.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstdlib>
+#include <functional>
 #include <string>
+#include <vector>
 
 namespace {
 
 using namespace platform_status;
 using testing::ElementsAre;
+using testing::EndsWith;
 using testing::HasSubstr;
 using testing::SizeIs;
 using testing::StartsWith;
@@ -29,11 +37,36 @@ using testing_support::CertificateAuthority;
 using testing_support::CertificateRequest;
 using testing_support::LogCapture;
 using testing_support::LogLine;
-using testing_support::ScopedEnvironment;
 
 using Server = HttpFixture::Server;
 using Connection = HttpFixture::Connection;
 using Clock = std::chrono::steady_clock;
+
+/// While it lives, OpenSSL's settings on this system allow old versions of TLS, and its own issuers are those of a
+/// file.
+class LenientSystem {
+public:
+    explicit LenientSystem(const std::string& issuers = "") {
+        lenient = true;
+        systemIssuers = issuers;
+    }
+    ~LenientSystem() { lenient = false; }
+    LenientSystem(const LenientSystem&) = delete;
+    LenientSystem& operator=(const LenientSystem&) = delete;
+
+    static inline std::atomic<bool> lenient{false};
+    static inline std::string systemIssuers;
+};
+
+/// Runs a function when the process ends, after what the libraries do then.
+struct AtEnd {
+    ~AtEnd() {
+        if (run) {
+            run();
+        }
+    }
+    std::function<void()> run;
+} atEnd;
 
 /// Every test here ends within these limits: 1 s for a connection and 2 s in all, or else at once.
 class HttpFailure : public testing::Test {
@@ -42,8 +75,9 @@ protected:
 
     void TearDown() override { EXPECT_LT(Clock::now() - begin_, std::chrono::seconds(10)); }
 
-    /// That a GET by the client fails in this way, and what was logged of it.
-    void expectFailure(AWClientCURL& client, int status) {
+    /// That a GET fails in this way and is logged so.
+    void expectFailure(const std::string& host, int port, int status) {
+        AWClientCURL client(host, port, SESSION_SERVICE, CERT_HOST);
         const LogCapture capture;
         client.httpStatus = 200;
         client.responseBody = "of the request before";
@@ -54,13 +88,10 @@ protected:
         logged = capture.lines().front();
         EXPECT_EQ(16, logged.level);
         EXPECT_EQ("AWClientCURL::Get", logged.tag);
+        EXPECT_THAT(logged.message, StartsWith("GET to " + host.substr(0, host.find('\0')) + ":" +
+                                               std::to_string(port) + " failed: " + getECmsg(status) + ": "));
     }
-    void expectFailure(const Server& server, int status) {
-        AWClientCURL client = HttpFixture::client(server);
-        expectFailure(client, status);
-        EXPECT_THAT(logged.message, StartsWith("GET to localhost:" + std::to_string(server.port()) +
-                                               " failed: " + getECmsg(status) + ": "));
-    }
+    void expectFailure(const Server& server, int status) { expectFailure("localhost", server.port(), status); }
     /// That a GET is answered with these bytes, after which the connection ends, fails in this way.
     void expectFailureOf(const std::string& answer, int status) {
         const Server server(fixture.options(), [&answer](Connection& c) {
@@ -82,8 +113,7 @@ private:
 };
 
 TEST_F(HttpFailure, ANameWithoutAnAddress) {
-    AWClientCURL client("no-such-host.invalid", 1556, SESSION_SERVICE, CERT_HOST);
-    expectFailure(client, HTTP_NAME_NOT_RESOLVED);
+    expectFailure("no-such-host.invalid", 1556, HTTP_NAME_NOT_RESOLVED);
     EXPECT_EQ(
         "GET to no-such-host.invalid:1556 failed: the server's name cannot be resolved: Could not resolve host: "
         "no-such-host.invalid",
@@ -92,15 +122,13 @@ TEST_F(HttpFailure, ANameWithoutAnAddress) {
 
 TEST_F(HttpFailure, ANameServerThatDoesNotAnswerInTime) {
     const testing_support::StalledResolver stalled("slow.invalid");
-    AWClientCURL client("slow.invalid", 1556, SESSION_SERVICE, CERT_HOST);
     const Clock::time_point begin = Clock::now();
-    expectFailure(client, HTTP_CONNECT_TIMED_OUT);
+    expectFailure("slow.invalid", 1556, HTTP_CONNECT_TIMED_OUT);
     EXPECT_LT(Clock::now() - begin, std::chrono::milliseconds(1900));
 }
 
 TEST_F(HttpFailure, APortOnWhichNobodyListens) {
-    AWClientCURL client("127.0.0.1", testing_support::unusedPort(), SESSION_SERVICE, CERT_HOST);
-    expectFailure(client, HTTP_CONNECTION_REFUSED);
+    expectFailure("127.0.0.1", testing_support::unusedPort(), HTTP_CONNECTION_REFUSED);
     EXPECT_THAT(logged.message, HasSubstr("failed: the server refused the connection: "));
 }
 
@@ -108,16 +136,22 @@ class UnreachableHost : public HttpFailure, public testing::WithParamInterface<i
 
 TEST_P(UnreachableHost, IsReportedAsSuch) {
     const testing_support::FailingConnect failing(GetParam());
-    AWClientCURL client("127.0.0.1", 1556, SESSION_SERVICE, CERT_HOST);
-    expectFailure(client, HTTP_HOST_UNREACHABLE);
+    expectFailure("127.0.0.1", 1556, HTTP_HOST_UNREACHABLE);
+    EXPECT_THAT(logged.message, StartsWith("GET to 127.0.0.1:1556 failed: the server cannot be reached: "));
 }
 
 INSTANTIATE_TEST_SUITE_P(HttpFailure, UnreachableHost, testing::Values(EHOSTUNREACH, ENETUNREACH));
 
+TEST_F(HttpFailure, AConnectionThatTheSystemGivesUp) {
+    const testing_support::FailingConnect failing(ETIMEDOUT);
+    expectFailure("127.0.0.1", 1556, HTTP_CONNECT_TIMED_OUT);
+    EXPECT_THAT(logged.message,
+                StartsWith("GET to 127.0.0.1:1556 failed: the connection to the server was not made in time: "));
+}
+
 TEST_F(HttpFailure, AHostThatDoesNotAnswerTheConnection) {
     const testing_support::FullListener listener;
-    AWClientCURL client("127.0.0.1", listener.port(), SESSION_SERVICE, CERT_HOST);
-    expectFailure(client, HTTP_CONNECT_TIMED_OUT);
+    expectFailure("127.0.0.1", listener.port(), HTTP_CONNECT_TIMED_OUT);
 }
 
 TEST_F(HttpFailure, AServerThatDoesNotAnswerTheHandshake) {
@@ -179,7 +213,7 @@ TEST_F(HttpFailure, AnIssuerOfTheSystemIsUnknown) {
     const CertificateAuthority system("an authority of the system");
     const std::string file = fixture.directory() / "system.pem";
     testing_support::writeFile(file, system.certificate());
-    const ScopedEnvironment trusted("SSL_CERT_FILE", file.c_str());
+    const LenientSystem lenient(file);
     Server::Options options;
     options.certificate = system.issue();
     const Server server(options, unreached());
@@ -202,8 +236,7 @@ TEST_F(HttpFailure, AServerWithACertificateForAnotherAddress) {
     Server::Options options;
     options.certificate = fixture.authority.issue(other);
     const Server server(options, unreached());
-    AWClientCURL client("127.0.0.1", server.port(), SESSION_SERVICE, CERT_HOST);
-    expectFailure(client, HTTP_SERVER_NAME_WRONG);
+    expectFailure("127.0.0.1", server.port(), HTTP_SERVER_NAME_WRONG);
 }
 
 TEST_F(HttpFailure, AServerWithAnExpiredCertificate) {
@@ -214,6 +247,24 @@ TEST_F(HttpFailure, AServerWithAnExpiredCertificate) {
     options.certificate = fixture.authority.issue(expired);
     const Server server(options, unreached());
     expectFailure(server, HTTP_SERVER_CERTIFICATE_EXPIRED);
+}
+
+TEST_F(HttpFailure, AServerWhoseIssuerHasExpired) {
+    const CertificateAuthority expired("an expired authority", -1);
+    testing_support::writeFile(fixture.caFile(), expired.certificate());
+    Server::Options options;
+    options.certificate = expired.issue();
+    const Server server(options, unreached());
+    expectFailure(server, HTTP_SERVER_CERTIFICATE_EXPIRED);
+}
+
+TEST_F(HttpFailure, AServerWithACertificateForClients) {
+    CertificateRequest forClients;
+    forClients.usage = "clientAuth";
+    Server::Options options;
+    options.certificate = fixture.authority.issue(forClients);
+    const Server server(options, unreached());
+    expectFailure(server, HTTP_SERVER_CERTIFICATE_UNUSABLE);
 }
 
 TEST_F(HttpFailure, AServerWithACertificateOfTheFuture) {
@@ -246,6 +297,7 @@ TEST_P(UnknownClient, IsRefusedByTheServer) {
 INSTANTIATE_TEST_SUITE_P(HttpFailure, UnknownClient, testing::Values(TLS1_2_VERSION, TLS1_3_VERSION));
 
 TEST_F(HttpFailure, AServerThatKnowsOnlyAnOldVersionOfTls) {
+    const LenientSystem lenient;
     Server::Options old = fixture.options();
     old.highestVersion = TLS1_1_VERSION;
     const Server server(old, unreached());
@@ -362,6 +414,11 @@ TEST_F(HttpFailure, AnAnswerThatEndsInItsHeaders) {
     expectFailureOf("HTTP/1.1 200 OK\r\nContent-", HTTP_RESPONSE_MALFORMED);
 }
 
+TEST_F(HttpFailure, AnAnswerThatIsOnlyAnnounced) {
+    expectFailureOf("HTTP/1.1 100 Continue\r\n\r\n", HTTP_RESPONSE_MALFORMED);
+    expectFailureOf("HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 200 OK\r\nContent-", HTTP_RESPONSE_MALFORMED);
+}
+
 TEST_F(HttpFailure, AnAnswerThatEndsBeforeItsLength) {
     expectFailureOf("HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\nshort", HTTP_RESPONSE_MALFORMED);
 }
@@ -464,20 +521,31 @@ TEST_F(HttpFailure, ASettingThatIsMissing) {
     }
 }
 
-class UnusableAddress : public HttpFailure, public testing::WithParamInterface<std::pair<std::string, int>> {};
+struct Address {
+    std::string host;
+    int port;
+    const char* reason;
+};
+
+class UnusableAddress : public HttpFailure, public testing::WithParamInterface<Address> {};
 
 TEST_P(UnusableAddress, IsRefusedBeforeAnythingIsSent) {
-    AWClientCURL client(GetParam().first, GetParam().second, SESSION_SERVICE, CERT_HOST);
-    expectFailure(client, HTTP_REQUEST_UNUSABLE);
+    expectFailure(GetParam().host, GetParam().port, HTTP_REQUEST_UNUSABLE);
+    EXPECT_THAT(logged.message, EndsWith(std::string(": ") + GetParam().reason));
 }
 
+constexpr char NO_HOST[] = "the host's name is not valid";
+constexpr char NO_PORT[] = "the port is not valid";
+
 INSTANTIATE_TEST_SUITE_P(HttpFailure, UnusableAddress,
-                         testing::Values(std::pair("", 1556), std::pair("a@127.0.0.1", 1556), std::pair("a/b", 1556),
-                                         std::pair("a?b", 1556), std::pair("a#b", 1556), std::pair("a b", 1556),
-                                         std::pair("a\r\nb", 1556), std::pair(std::string("a\0b", 3), 1556),
-                                         std::pair("127.0.0.1:1", 1556), std::pair("[localhost]", 1556),
-                                         std::pair("localhost", 0), std::pair("localhost", -1),
-                                         std::pair("localhost", 65536)));
+                         testing::Values(Address{"", 1556, NO_HOST}, Address{"a@127.0.0.1", 1556, NO_HOST},
+                                         Address{"a/b", 1556, NO_HOST}, Address{"a?b", 1556, NO_HOST},
+                                         Address{"a#b", 1556, NO_HOST}, Address{"a b", 1556, NO_HOST},
+                                         Address{"a\r\nb", 1556, NO_HOST},
+                                         Address{std::string("a\0b", 3), 1556, NO_HOST},
+                                         Address{"127.0.0.1:1", 1556, "URL using bad/illegal format or missing URL"},
+                                         Address{"[localhost]", 1556, NO_HOST}, Address{"localhost", 0, NO_PORT},
+                                         Address{"localhost", -1, NO_PORT}, Address{"localhost", 65536, NO_PORT}));
 
 class UnreadableFile : public HttpFailure {
 protected:
@@ -556,6 +624,31 @@ TEST_F(HttpFailure, LogsNothingOfTheBody) {
     EXPECT_THAT(capture.lines().front().message, testing::Not(HasSubstr("secret")));
 }
 
+TEST_F(HttpFailure, ARequestAfterTheEndOfTheClient) {
+#ifdef __SANITIZE_ADDRESS__
+    GTEST_SKIP() << "the sanitizer's allocator stays locked in a child of several threads";
+#endif
+    const Server server(fixture.options(), [](Connection& c) { c.answerAll(200, ""); });
+    testing_support::ChildProcess child([&]() -> int {
+        AWClientCURL client = HttpFixture::client(server);
+        const int before = client.Get("a");
+        atEnd.run = [&] {
+            const LogCapture capture;
+            const int status = client.Get("a");
+            _exit(before == 0 && status == HTTP_FAILED &&
+                          capture.lines() == std::vector<LogLine>{{16, "AWClientCURL::Get",
+                                                                   "GET to localhost:" + std::to_string(server.port()) +
+                                                                       " failed: the HTTP request failed: the process "
+                                                                       "is ending"}}
+                      ? 0
+                      : 1);
+        };
+        std::exit(2);
+    });
+    EXPECT_EQ(0, child.wait());
+    EXPECT_EQ(1, server.connections());
+}
+
 TEST_F(HttpFailure, IsOverWithTheNextRequest) {
     const Server server(fixture.options(), [](Connection& c) {
         if (c.number() == 1) {
@@ -571,3 +664,21 @@ TEST_F(HttpFailure, IsOverWithTheNextRequest) {
 }
 
 }  // namespace
+
+// In front of OpenSSL's own, for libcurl.
+extern "C" __attribute__((visibility("default"))) SSL_CTX* SSL_CTX_new(const SSL_METHOD* method) {
+    static const auto real = reinterpret_cast<decltype(&SSL_CTX_new)>(dlsym(RTLD_NEXT, "SSL_CTX_new"));
+    SSL_CTX* context = real(method);
+    if (LenientSystem::lenient && context != nullptr) {
+        SSL_CTX_set_security_level(context, 0);
+        SSL_CTX_set_min_proto_version(context, 0);
+    }
+    return context;
+}
+
+extern "C" __attribute__((visibility("default"))) int X509_STORE_load_path(X509_STORE* store, const char* path) {
+    static const auto real =
+        reinterpret_cast<decltype(&X509_STORE_load_path)>(dlsym(RTLD_NEXT, "X509_STORE_load_path"));
+    return LenientSystem::lenient ? X509_STORE_load_file(store, LenientSystem::systemIssuers.c_str())
+                                  : real(store, path);
+}

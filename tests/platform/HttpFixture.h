@@ -36,9 +36,11 @@ public:
     }
 
     /// @param http the settings' member "http".
-    void useSettings(const std::string& http = "{}") {
+    /// @param others further members of the settings.
+    void useSettings(const std::string& http = "{}", const std::string& others = "") {
         settings_.replace(R"({"tls": {"caFile": ")" + caFile() + R"(", "certFile": ")" + certFile() +
-                          R"(", "keyFile": ")" + keyFile() + R"("}, "http": )" + http + "}");
+                          R"(", "keyFile": ")" + keyFile() + R"("}, "http": )" + http + (others.empty() ? "" : ", ") +
+                          others + "}");
     }
 
     /// What a server needs to be trusted.

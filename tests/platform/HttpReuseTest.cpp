@@ -7,6 +7,7 @@
 #include <platform/HttpClient.h>
 #include <platform/Status.h>
 
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -16,9 +17,9 @@
 #include <atomic>
 #include <cstdint>
 #include <cstdlib>
+#include <ctime>
 #include <filesystem>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -35,6 +36,14 @@ using testing_support::Signal;
 
 using Server = HttpFixture::Server;
 using Connection = HttpFixture::Connection;
+
+/// Makes it later on the coarse clock.
+class Later {
+public:
+    static void bySeconds(int seconds) { passed += seconds; }
+
+    static inline std::atomic<int> passed{0};
+};
 
 /// Waits until a file's new state is told from the one before.
 void waitForTick() {
@@ -319,44 +328,87 @@ TEST_F(HttpReuse, SettingsThatChangeHoldForAKeptConnection) {
     EXPECT_EQ(1, server.connections());
 }
 
-TEST_F(HttpReuse, NoMoreThanEightConnectionsToAServerAreKept) {
-    constexpr int BUSY = 12;
-    std::mutex mutex;
-    int arrived = 0;
-    Signal all;
-    const Server server(options(), [&](Connection& c) {
+/// So many clients that ask a server at once, each on a connection of its own.
+class Crowd {
+public:
+    explicit Crowd(int size) : size_(size) {}
+
+    /// Answers when all have asked.
+    void answer(Connection& c) {
         c.read();
-        {
-            const std::lock_guard<std::mutex> lock(mutex);
-            if (++arrived == BUSY) {
-                all.notify();
-            }
+        if (++arrived_ == size_) {
+            all_.notify();
         }
-        all.wait();
+        all_.wait();
         c.answer(200, "");
         answerAll(c);
-    });
-    std::vector<std::thread> threads;
-    for (int i = 0; i < BUSY; ++i) {
-        threads.emplace_back([&server] { EXPECT_EQ(0, get(server)); });
     }
-    for (std::thread& thread : threads) {
-        thread.join();
+
+    void ask(const Server& server) const {
+        std::vector<std::thread> threads;
+        for (int i = 0; i < size_; ++i) {
+            threads.emplace_back([&server] {
+                AWClientCURL client = HttpFixture::client(server);
+                EXPECT_EQ(0, client.Get("a"));
+            });
+        }
+        for (std::thread& thread : threads) {
+            thread.join();
+        }
+        EXPECT_EQ(size_, server.connections());
     }
-    EXPECT_EQ(BUSY, server.connections());
+
+private:
+    int size_;
+    std::atomic<int> arrived_{0};
+    Signal all_;
+};
+
+TEST_F(HttpReuse, NoMoreThanEightConnectionsToAServerAreKept) {
+    Crowd crowd(12);
+    const Server server(options(), [&](Connection& c) { crowd.answer(c); });
+    crowd.ask(server);
     EXPECT_TRUE(server.waitForOpen(8));
 }
 
 TEST_F(HttpReuse, NoMoreThanThirtyTwoConnectionsAreKeptInAll) {
+    std::vector<std::unique_ptr<Crowd>> crowds;
     std::vector<std::unique_ptr<Server>> servers;
-    for (int i = 0; i < 34; ++i) {
-        servers.push_back(std::make_unique<Server>(options(), answerAll));
-        EXPECT_EQ(0, get(*servers.back()));
+    for (int i = 0; i < 5; ++i) {
+        Crowd& crowd = *crowds.emplace_back(std::make_unique<Crowd>(8));
+        servers.push_back(std::make_unique<Server>(options(), [&crowd](Connection& c) { crowd.answer(c); }));
+        crowd.ask(*servers.back());
+        waitForTick();
     }
     EXPECT_TRUE(servers[0]->waitForOpen(0));
-    EXPECT_TRUE(servers[1]->waitForOpen(0));
-    EXPECT_EQ(1, servers[2]->open());
-    EXPECT_EQ(1, servers[33]->open());
+    for (std::size_t i = 1; i < servers.size(); ++i) {
+        EXPECT_EQ(8, servers[i]->open());
+    }
+}
+
+TEST_F(HttpReuse, NoMoreThanThirtyTwoServersAreKnown) {
+    std::vector<std::unique_ptr<Server>> servers;
+    for (int i = 0; i < 33; ++i) {
+        servers.push_back(std::make_unique<Server>(options(), answerOne));
+        EXPECT_EQ(0, get(*servers.back()));
+    }
+    EXPECT_EQ(0, get(*servers[0]));
+    EXPECT_EQ(0, get(*servers[2]));
+    EXPECT_EQ(0, servers[0]->resumptions());
+    EXPECT_EQ(1, servers[2]->resumptions());
+}
+
+TEST_F(HttpReuse, AConnectionThatNobodyUsesForAMinuteIsClosed) {
+    const Server idle(options(), answerAll);
+    const Server busy(options(), answerAll);
+    EXPECT_EQ(0, get(idle));
+    Later::bySeconds(59);
+    EXPECT_EQ(0, get(busy));
+    EXPECT_EQ(1, idle.open());
+    Later::bySeconds(2);
+    EXPECT_EQ(0, get(busy));
+    EXPECT_TRUE(idle.waitForOpen(0));
+    EXPECT_EQ(1, busy.connections());
 }
 
 TEST_F(HttpReuse, NoConnectionIsPassedToAProgramThatIsExecuted) {
@@ -448,3 +500,11 @@ TEST_F(HttpReuse, ForksAmongRequestsOfOtherThreadsFindAUsableClient) {
 }
 
 }  // namespace
+
+// In front of the C library's.
+extern "C" __attribute__((visibility("default"))) int clock_gettime(clockid_t clock, timespec* time) noexcept {
+    static const auto real = reinterpret_cast<int (*)(clockid_t, timespec*)>(dlsym(RTLD_NEXT, "clock_gettime"));
+    const int result = real(clock, time);
+    time->tv_sec += clock == CLOCK_MONOTONIC_COARSE ? Later::passed.load() : 0;
+    return result;
+}

@@ -80,8 +80,8 @@ std::string joined(const std::vector<std::string>& names) {
 
 }  // namespace
 
-CertificateAuthority::CertificateAuthority(const std::string& name)
-    : key_(freshKey()), certificate_(unsignedCertificate(key_, name, -1000, 1000)) {
+CertificateAuthority::CertificateAuthority(const std::string& name, int toDay)
+    : key_(freshKey()), certificate_(unsignedCertificate(key_, name, -1000, toDay)) {
     X509_set_issuer_name(certificate_.get(), X509_get_subject_name(certificate_.get()));
     addExtension(certificate_.get(), NID_basic_constraints, "critical,CA:TRUE");
     addExtension(certificate_.get(), NID_key_usage, "critical,keyCertSign");
@@ -95,6 +95,9 @@ Certificate CertificateAuthority::issue(const CertificateRequest& request) const
     X509_set_issuer_name(made.get(), X509_get_subject_name(certificate_.get()));
     addExtension(made.get(), NID_basic_constraints, "critical,CA:FALSE");
     addExtension(made.get(), NID_subject_alt_name, joined(request.names));
+    if (!request.usage.empty()) {
+        addExtension(made.get(), NID_ext_key_usage, request.usage);
+    }
     require(X509_sign(made.get(), key_.get(), EVP_sha256()) > 0);
     return {pemOf(made.get()), pemOf(key.get())};
 }

@@ -21,12 +21,15 @@ struct CertificateRequest {
     /// When it is valid, in days from now.
     int fromDay = -1;
     int toDay = 1;
+    /// What its key may be used for, as OpenSSL's "extendedKeyUsage" names it; empty: everything.
+    std::string usage;
 };
 
 /// Issues certificates with fresh P-256 keys.
 class CertificateAuthority {
 public:
-    explicit CertificateAuthority(const std::string& name = "test authority");
+    /// @param toDay until when it is one, in days from now.
+    explicit CertificateAuthority(const std::string& name = "test authority", int toDay = 1000);
 
     /// Its own certificate, as the text of a PEM file.
     const std::string& certificate() const { return pem_; }

@@ -77,6 +77,8 @@ public:
         int highestVersion = 0;  // of TLS, as OpenSSL numbers them; 0: any
         /// To listen on; 0: any that is free.
         int port = 0;
+        /// To listen on the loopback address of IPv6 instead of that of IPv4.
+        bool ipv6 = false;
         /// What happens before TLS; returns whether TLS follows.
         std::function<bool(int socket)> before;
     };
@@ -126,5 +128,8 @@ private:
 
 /// A port of the loopback interface on which nobody listens.
 int unusedPort();
+
+/// Whether a server can listen on IPv6 here.
+bool hasIpv6Loopback();
 
 }  // namespace testing_support

@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <utility>
 
 // The way from a service that answers over TLS to a client over the cache that it names.
 
@@ -50,10 +51,18 @@ protected:
         std::filesystem::remove(TEMPORARY + "/manifest.json");
     }
 
-    void configure(const std::string& generation = "gen2", const std::string& server = "localhost") {
-        https_.settings().replace(R"({"primaryServer":")" + server + R"(","accessEnforcement":")" + generation +
-                                  R"(","tls":{"caFile":")" + https_.caFile() + R"(","certFile":")" + https_.certFile() +
-                                  R"(","keyFile":")" + https_.keyFile() + "\"}}");
+    /// @param others further members of the settings, each after a comma.
+    void configure(const std::string& generation = "gen2", const std::string& others = "") {
+        https_.useSettings("{}", R"("primaryServer":"localhost","accessEnforcement":")" + generation + "\"" + others);
+    }
+
+    /// What the log file of these settings holds after a call.
+    std::string logFileOf(const std::string& generation, int debugLevel) {
+        const std::string file = https_.directory() / "log";
+        std::filesystem::remove(file);
+        configure(generation, R"(,"log":{"file":")" + file + R"(","debugLevel":)" + std::to_string(debugLevel) + "}");
+        EXPECT_EQ(create(), 0);
+        return std::filesystem::exists(file) ? testing_support::readFile(file) : "";
     }
 
     /// Serves this one answer to everybody.
@@ -163,6 +172,7 @@ TEST_F(AccessControlClientCreateTest, AsksAgainEachTime) {
     ASSERT_EQ(create(), 0);
     EXPECT_NE(client_, first);
     EXPECT_EQ(server_->requests().size(), 2U);
+    EXPECT_EQ(server_->connections(), 1);
 }
 
 TEST_F(AccessControlClientCreateTest, AsksNobodyInTheFirstGeneration) {
@@ -176,15 +186,41 @@ TEST_F(AccessControlClientCreateTest, AsksNobodyInTheFirstGeneration) {
     EXPECT_THAT(server_->requests(), IsEmpty());
 }
 
+TEST_F(AccessControlClientCreateTest, SharesTheOperationsAmongItsClients) {
+    makeCache("abc");
+    serveId("abc");
+    ASSERT_EQ(create(), 0);
+    EXPECT_TRUE(mayView(ObjectNamespace("A", "OBJECT")));
+    std::filesystem::remove(TEMPORARY + "/operation-cache.json");
+    ASSERT_EQ(create(), 0);
+    EXPECT_TRUE(mayView(ObjectNamespace("A", "OBJECT")));
+}
+
+TEST_F(AccessControlClientCreateTest, AnnouncesTheGenerationFromDebugLevelFiveOn) {
+    makeCache("abc");
+    serveId("abc");
+    for (const std::string generation : {"1", "2"}) {
+        const std::string line = " 2 [0-9.]+ \\[AccessControlClient::create\\] Gen" + generation + " enforcement\\.\n";
+        EXPECT_THAT(logFileOf("gen" + generation, 5), testing::ContainsRegex(line));
+        EXPECT_THAT(logFileOf("gen" + generation, 4), testing::Not(testing::HasSubstr("enforcement.")));
+    }
+}
+
 TEST_F(AccessControlClientCreateTest, ReportsThatThereIsNoPrimaryServer) {
     https_.settings().replace("{}");
+    const LogCapture log;
     EXPECT_EQ(failingCreate(), 9513);
+    EXPECT_THAT(errors(log), ElementsAre(LogLine{16, "db_getservernameEx",
+                                                 "Error reading settings file " + https_.settings().path() +
+                                                     ": \"primaryServer\" is missing"}));
+    EXPECT_THAT(progress(log), ElementsAre(LogLine{4, CREATE, "Requesting cache for |"}));
 }
 
 TEST_F(AccessControlClientCreateTest, ReportsThatTheServiceCannotBeReached) {
     const LogCapture log;
     EXPECT_EQ(failingCreate(), 9554);
     EXPECT_EQ(errors(log).back(), (LogLine{16, CREATE, "Curl error requesting access cache: 9554"}));
+    EXPECT_THAT(progress(log), ElementsAre(LogLine{4, CREATE, "Requesting cache for |"}));
 }
 
 TEST_F(AccessControlClientCreateTest, ReportsAnotherHttpStatus) {
@@ -194,6 +230,9 @@ TEST_F(AccessControlClientCreateTest, ReportsAnotherHttpStatus) {
         EXPECT_EQ(failingCreate(), 114) << status;
         EXPECT_THAT(errors(log),
                     ElementsAre(LogLine{16, CREATE, "Get access-cache return HTTP status " + std::to_string(status)}));
+        EXPECT_EQ(progress(log).back(), (LogLine{4, CREATE,
+                                                 "Request for /arkwell/access-control/access-caches/%7C; http status " +
+                                                     std::to_string(status)}));
         server_.reset();
     }
 }
@@ -207,13 +246,20 @@ TEST_F(AccessControlClientCreateTest, ReportsABodyThatIsNotJson) {
 }
 
 TEST_F(AccessControlClientCreateTest, ReportsABodyWithoutWhatIsNeeded) {
-    for (const char* body : {"[]", "{}", R"({"data":{}})", R"({"data":{"type":"accessCache"}})", R"({"data":[]})",
-                             R"({"data":{"type":"accessCache","id":5}})", R"({"data":{"id":"abc"}})"}) {
+    const std::pair<const char*, const char*> cases[] = {
+        {"[]", "Expected object, got array"},
+        {R"({"data":[]})", "Expected object, got array"},
+        {"{}", "Object item not found: data"},
+        {R"({"data":{}})", "Object item not found: type"},
+        {R"({"data":{"id":"abc"}})", "Object item not found: type"},
+        {R"({"data":{"type":"accessCache"}})", "Object item not found: id"},
+        {R"({"data":{"type":"accessCache","id":5}})", "Expected string, got integer"},
+        {R"({"data":{"type":5,"id":"abc"}})", "Expected string, got integer"}};
+    for (const auto& [body, message] : cases) {
+        SCOPED_TRACE(body);
         const LogCapture log;
-        EXPECT_EQ(statusOfBody(body), 7610) << body;
-        ASSERT_EQ(errors(log).size(), 1U) << body;
-        EXPECT_EQ(errors(log)[0].tag, RESPONSE);
-        EXPECT_THAT(errors(log)[0].message, testing::StartsWith("Error parsing response: ")) << body;
+        EXPECT_EQ(statusOfBody(body), 7610);
+        EXPECT_THAT(errors(log), ElementsAre(LogLine{16, RESPONSE, std::string("Error parsing response: ") + message}));
     }
 }
 
@@ -254,7 +300,9 @@ TEST_F(AccessControlClientCreateTest, TrustsNoDirectoryOutsideOfTheCaches) {
 
 TEST_F(AccessControlClientCreateTest, FindsNoManifestUnderAnEmptyId) {
     serveId("");
+    const LogCapture log;
     EXPECT_EQ(failingCreate(), 12);
+    EXPECT_EQ(progress(log).back(), (LogLine{4, CREATE, "cache dir is " + CACHES + "/"}));
 }
 
 TEST_F(AccessControlClientCreateTest, ReportsACacheThatIsNotThere) {

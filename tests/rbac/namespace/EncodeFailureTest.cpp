@@ -1,8 +1,16 @@
+#include "../../../rbac/rest/Rbac2Json.h"
+#include "platform/SettingsFixture.h"
+#include "testing/LogCapture.h"
+#include "testing/ScriptedHttp.h"
+
+#include <rbac/AccessControlClient.h>
 #include <rbac/EC_exception.h>
+#include <rbac/ManagedObjectAPI.h>
 #include <rbac/ObjectNamespace.h>
 
 #include <boost/lexical_cast.hpp>
-#include <gtest/gtest.h>
+#include <boost/make_shared.hpp>
+#include <gmock/gmock.h>
 
 #include <sstream>
 #include <stdexcept>
@@ -10,8 +18,11 @@
 
 // This program puts its own encode_component in front of the library's, and lets it fail.
 
+using Tesmor::Arkwell::Rbac::AccessControlClient;
 using Tesmor::Arkwell::Rbac::namespaceToString;
 using Tesmor::Arkwell::Rbac::ObjectNamespace;
+using testing_support::LogCapture;
+using testing_support::LogLine;
 namespace root_namespaces = Tesmor::Arkwell::Rbac::root_namespaces;
 
 namespace {
@@ -225,4 +236,37 @@ TEST_F(EncodeFailure, OtherExceptionsPassThroughNamespaceToString) {
     std::string out = "before";
     EXPECT_THROW(namespaceToString(ObjectNamespace("A"), out), std::runtime_error);
     EXPECT_EQ(out, "before");
+}
+
+TEST_F(EncodeFailure, NoClientIsMadeForANamespaceWithoutAText) {
+    SettingsFixture settings(R"({"accessEnforcement":"gen1"})");
+    boost::shared_ptr<AccessControlClient> client;
+    ASSERT_EQ(AccessControlClient::create(ObjectNamespace("A"), client), 0);
+    const boost::shared_ptr<AccessControlClient> before = client;
+    settings.replace(R"({"primaryServer":"primary.example","accessEnforcement":"gen2"})");
+    const LogCapture log;
+    letFail(Failure::STATUS);
+    EXPECT_EQ(AccessControlClient::create(ObjectNamespace("A"), client), 114);
+    EXPECT_EQ(client, before);
+    EXPECT_THAT(log.lines(), testing::ElementsAre(LogLine{2, "AccessControlClient::create", "Gen2 enforcement."}));
+}
+
+TEST_F(EncodeFailure, NoDocumentIsMadeOfANamespaceWithoutAText) {
+    const LogCapture log;
+    letFail(Failure::STATUS, "B");
+    EXPECT_THROW(Tesmor::Arkwell::Rbac::json_namespace_shared(ObjectNamespace("B")), boost::bad_lexical_cast);
+    EXPECT_THROW(Tesmor::Arkwell::Rbac::json_namespaces_shared({ObjectNamespace("A"), ObjectNamespace("B")}),
+                 boost::bad_lexical_cast);
+    EXPECT_THAT(log.lines(), testing::IsEmpty());
+}
+
+TEST_F(EncodeFailure, NothingIsAskedOfANamespaceWithoutAText) {
+    const SettingsFixture settings(R"({"primaryServer":"primary.example"})");
+    const LogCapture log;
+    const auto http = boost::make_shared<testing_support::ScriptedHttp>();
+    Tesmor::Arkwell::Rbac::ManagedObjectAPI objects(http);
+    letFail(Failure::STATUS);
+    EXPECT_THROW(objects.get_object(ObjectNamespace("A")), boost::bad_lexical_cast);
+    EXPECT_THAT(http->requests, testing::IsEmpty());
+    EXPECT_THAT(log.lines(), testing::IsEmpty());
 }

@@ -2,7 +2,8 @@
 
 #include <rbac/OperationAPI.h>
 
-#include <boost/lexical_cast.hpp>
+#include <string>
+#include <utility>
 
 using namespace Tesmor::Arkwell::Rbac;
 using testing::ElementsAre;
@@ -13,13 +14,21 @@ using testing_support::LogLine;
 namespace {
 
 constexpr char TAG[] = "OperationAPI::get_options";
+const std::string URL = "arkwell/access-control/operations";
+const std::string REPORTED = "7610 [OperationAPI::get_options] ";
 
 class OperationApiTest : public ApiFixture {
 protected:
-    int statusOfAnswer(const std::string& body) {
-        log_.clear();
+    /// What a list in this answer came to.
+    std::string outcomeOfAnswer(const std::string& body) {
         http_->answer(200, body);
-        return statusOf([this] { api_.get_operations(""); });
+        return outcomeOf([this] { api_.get_operations(""); });
+    }
+
+    /// How many operations this answer lists.
+    std::size_t listed(const std::string& body) {
+        http_->answer(200, body);
+        return api_.get_operations("").size();
     }
 
     OperationAPI api_{http_};
@@ -38,50 +47,83 @@ std::string operation(const std::string& id) {
 TEST_F(OperationApiTest, ListsOperationsInTheServicesOrderWithRepetitions) {
     http_->answer(200, listOf(operation("|B|") + "," + operation("|A|") + "," + operation("|B|")));
     EXPECT_THAT(api_.get_operations(""), ElementsAre(ObjectNamespace("B"), ObjectNamespace("A"), ObjectNamespace("B")));
-    EXPECT_THAT(http_->requests, ElementsAre(HttpRequest{"GET", "arkwell/access-control/operations", "", ""}));
-    EXPECT_EQ(log_.lines()[0],
-              (LogLine{4, TAG, "Request for arkwell/access-control/operations; curl status 0; http status 200"}));
+    EXPECT_THAT(http_->requests, ElementsAre(HttpRequest{"GET", URL, "", ""}));
+}
+
+TEST_F(OperationApiTest, LogsARequestAndItsAnswer) {
+    http_->answer(200, listOf(operation("|A|")));
+    api_.get_operations("x");
+    EXPECT_THAT(log_.lines(),
+                ElementsAre(LogLine{4, TAG, "Request for " + URL + "?filter=x; curl status 0; http status 200"},
+                            LogLine{2, TAG, "Received JSON: " + listOf(operation("|A|"))}));
 }
 
 TEST_F(OperationApiTest, EncodesAFilter) {
     http_->answer(200, listOf(""));
-    EXPECT_THAT(api_.get_operations("a b&c"), IsEmpty());
-    EXPECT_EQ(http_->requests[0].url, "arkwell/access-control/operations?filter=a%20b%26c");
+    api_.get_operations("a b&c");
+    EXPECT_EQ(http_->requests[0].url, URL + "?filter=a%20b%26c");
+}
+
+TEST_F(OperationApiTest, ListsNothingWhereThereAreNoOperations) {
+    EXPECT_EQ(listed(listOf("")), 0U);
 }
 
 TEST_F(OperationApiTest, TakesDataThatIsNoArrayForNoOperations) {
-    http_->answer(200, R"({"data":5})");
-    EXPECT_THAT(api_.get_operations(""), IsEmpty());
+    for (const char* data : {"5", "{}", "null"}) {
+        EXPECT_EQ(listed(R"({"data":)" + std::string(data) + "}"), 0U) << data;
+    }
 }
 
 TEST_F(OperationApiTest, ReportsAnAnswerWithoutDataOrWithoutJsonAlike) {
-    for (const char* body : {"[]", "{}", "", "no JSON"}) {
-        EXPECT_EQ(statusOfAnswer(body), 7610) << body;
-        EXPECT_THAT(errors(), ElementsAre(LogLine{16, TAG, "Error getting 'data' field from JSON response"}));
+    for (const std::string body : {"[]", "{}", "", "no JSON"}) {
+        EXPECT_EQ(outcomeOfAnswer(body), REPORTED + "Error getting 'data' field from JSON response");
+        EXPECT_THAT(log_.linesAt(2), ElementsAre(LogLine{2, TAG, "Received JSON: " + body}));
     }
 }
 
 TEST_F(OperationApiTest, RefusesAnElementOfTheWrongShape) {
-    EXPECT_EQ(statusOfAnswer(listOf(operation("|A|") + R"(,{"type":"accessControlOperation"})")), 7610);
-    ASSERT_EQ(errors().size(), 1U);
-    EXPECT_THAT(errors()[0].message, testing::StartsWith("Error parsing JSON at position "));
+    const std::pair<std::string, const char*> cases[] = {
+        {"5", "1: Expected object, got integer"},
+        {"{}", "4: Object item not found: type"},
+        {R"({"type":5,"id":"|A|"})", "4: Expected string, got integer"},
+        {R"({"type":"accessControlOperation"})", "9: Object item not found: id"},
+        {R"({"type":"accessControlOperation","id":5})", "9: Expected string, got integer"}};
+    for (const auto& [element, message] : cases) {
+        SCOPED_TRACE(element);
+        EXPECT_EQ(outcomeOfAnswer(listOf(element)), REPORTED + "Error parsing JSON at position " + message);
+    }
 }
 
 TEST_F(OperationApiTest, RefusesAnElementOfAnotherType) {
-    EXPECT_EQ(statusOfAnswer(listOf(R"({"type":"x","id":"|A|"})")), 9103);
-    EXPECT_THAT(errors(), ElementsAre(LogLine{16, TAG, "Unexpected response type: x"}));
+    EXPECT_EQ(outcomeOfAnswer(listOf(R"({"type":"x","id":"A"})")),
+              "9103 [OperationAPI::get_options] Unexpected response type: x");
+}
+
+TEST_F(OperationApiTest, FailsAListForOneBadElement) {
+    EXPECT_EQ(outcomeOfAnswer(listOf(operation("|A|") + ",{}")),
+              REPORTED + "Error parsing JSON at position 4: Object item not found: type");
 }
 
 TEST_F(OperationApiTest, RefusesAnIdThatIsNoNamespace) {
-    http_->answer(200, listOf(operation("A")));
-    EXPECT_THROW(api_.get_operations(""), boost::bad_lexical_cast);
-    EXPECT_THAT(errors(), IsEmpty());
+    EXPECT_EQ(outcomeOfAnswer(listOf(operation("A"))), BAD_CAST);
 }
 
-TEST_F(OperationApiTest, PassesFailuresOn) {
+TEST_F(OperationApiTest, PassesTheTransportsStatusOnWithoutALog) {
     http_->fail(9557);
-    EXPECT_EQ(statusOf([this] { api_.get_operations(""); }), 9557);
-    http_->answer(500, "");
-    EXPECT_EQ(statusOf([this] { api_.get_operations(""); }), 114);
-    EXPECT_THAT(errors(), ElementsAre(LogLine{16, TAG, "Unexpected HTTP status: 500"}));
+    EXPECT_EQ(outcomeOf([this] { api_.get_operations(""); }), "9557");
+    EXPECT_THAT(log_.lines(), IsEmpty());
+}
+
+TEST_F(OperationApiTest, TakesNoOtherSuccessForItsOwn) {
+    for (const long status : {201L, 204L}) {
+        http_->answer(status, listOf(""));
+        EXPECT_EQ(outcomeOf([this] { api_.get_operations(""); }),
+                  "114 [OperationAPI::get_options] Unexpected HTTP status: " + std::to_string(status));
+    }
+}
+
+TEST_F(OperationApiTest, PassesTheServicesErrorCodeOn) {
+    http_->answer(403, R"({"errorCode":5001,"errorMessage":"not yours"})");
+    EXPECT_EQ(outcomeOf([this] { api_.get_operations(""); }),
+              "5001 [OperationAPI::get_options] Unexpected HTTP status: 403: not yours");
 }

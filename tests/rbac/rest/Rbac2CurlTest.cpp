@@ -1,14 +1,23 @@
-#include "platform/SettingsFixture.h"
+#include "platform/HttpFixture.h"
 #include "rbac/rest/Rbac2Curl.h"
+#include "rbac/rest/Rbac2Json.h"
 #include "testing/LogCapture.h"
 #include "testing/ScriptedHttp.h"
 
 #include <rbac/BaseAPI.h>
 #include <rbac/EC_exception.h>
+#include <rbac/ManagedObjectAPI.h>
+#include <rbac/OperationAPI.h>
+#include <rbac/RoleAPI.h>
 
+#include <boost/lexical_cast.hpp>
+#include <boost/make_shared.hpp>
 #include <gmock/gmock.h>
 
+#include <functional>
 #include <memory>
+#include <string>
+#include <utility>
 
 using namespace Tesmor::Arkwell::Rbac;
 using testing::ElementsAre;
@@ -18,6 +27,17 @@ using testing_support::LogLine;
 using testing_support::ScriptedHttp;
 
 namespace {
+
+/// Counts the clients that it makes.
+class CountingHttp : public ScriptedHttp {
+public:
+    AWClientCURL_Base* create(const std::string& server, int serverPort, AWCurlSessionType kind) override {
+        ++made;
+        return ScriptedHttp::create(server, serverPort, kind);
+    }
+
+    int made = 0;
+};
 
 /// The status that is thrown, or 0.
 int statusOf(int expected, int actual, const std::string& body) {
@@ -63,6 +83,19 @@ TEST(Rbac2CurlTest, ThrowsTheGeneralStatusWithoutAUsableErrorBody) {
     }
 }
 
+TEST(Rbac2CurlTest, TakesAnErrorCodeThatNoStatusCanHoldForNone) {
+    for (const char* code : {"4294967296", "2147483648", "-2147483649", "1.0", "99999999999999999999"}) {
+        const LogCapture log;
+        EXPECT_EQ(statusOf(200, 404, R"({"errorMessage":"x","errorCode":)" + std::string(code) + "}"), 114) << code;
+        EXPECT_THAT(log.lines(), ElementsAre(logged("Unexpected HTTP status: 404")));
+    }
+}
+
+TEST(Rbac2CurlTest, TakesEveryErrorCodeThatAStatusCanHold) {
+    EXPECT_EQ(statusOf(200, 404, R"({"errorMessage":"x","errorCode":2147483647})"), 2147483647);
+    EXPECT_EQ(statusOf(200, 404, R"({"errorMessage":"x","errorCode":-2147483648})"), -2147483647 - 1);
+}
+
 TEST(Rbac2CurlTest, ThrowsTheServicesOwnErrorCode) {
     const LogCapture log;
     EXPECT_EQ(statusOf(200, 400, errorWith(R"(["a","b"])")), 8000);
@@ -104,10 +137,16 @@ TEST(BaseAPITest, MakesClientsOfThePrimaryServer) {
     EXPECT_EQ(http->session, 1);
 }
 
-TEST(BaseAPITest, MakesRealClientsByItself) {
-    const SettingsFixture settings(R"({"primaryServer":"primary.example"})");
+TEST(BaseAPITest, ShowsTheHostsCertificateByItself) {
+    HttpFixture https;
+    https.useSettings("{}", R"("primaryServer":"localhost")");
+    HttpFixture::Server::Options options = https.options();
+    options.port = 1556;
+    options.clientAuthority = https.authority.certificate();
+    const HttpFixture::Server server(options, [](HttpFixture::Connection& c) { c.answerAll(200, "known"); });
     const std::unique_ptr<AWClientCURL_Base> client(BaseAPI().new_curl());
-    EXPECT_NE(dynamic_cast<AWClientCURL*>(client.get()), nullptr);
+    EXPECT_EQ(client->Get("a"), 0);
+    EXPECT_EQ(client->responseBody, "known");
 }
 
 TEST(BaseAPITest, LooksTheServerUpOnce) {
@@ -119,16 +158,72 @@ TEST(BaseAPITest, LooksTheServerUpOnce) {
     EXPECT_EQ(http->host, "first.example");
 }
 
-TEST(BaseAPITest, IsNotMadeWithoutAPrimaryServer) {
+TEST(BaseAPITest, IsMadeInNoFormWithoutAPrimaryServer) {
     const SettingsFixture settings("{}");
-    const LogCapture log;
-    const auto http = boost::make_shared<ScriptedHttp>();
-    try {
-        const BaseAPI api(http);
-        FAIL();
-    } catch (const EC_exception& failure) {
-        EXPECT_EQ(failure.status, 9513);
+    const auto http = boost::make_shared<CountingHttp>();
+    const std::pair<const char*, std::function<void()>> cases[] = {
+        {"BaseAPI()", [] { const BaseAPI api; }},
+        {"BaseAPI(factory)", [&] { const BaseAPI api(http); }},
+        {"RoleAPI()", [] { const RoleAPI api; }},
+        {"RoleAPI(factory)", [&] { const RoleAPI api(http); }},
+        {"ManagedObjectAPI()", [] { const ManagedObjectAPI api; }},
+        {"ManagedObjectAPI(factory)", [&] { const ManagedObjectAPI api(http); }},
+        {"OperationAPI()", [] { const OperationAPI api; }},
+        {"OperationAPI(factory)", [&] { const OperationAPI api(http); }}};
+    for (const auto& [name, make] : cases) {
+        SCOPED_TRACE(name);
+        const LogCapture log;
+        try {
+            make();
+            ADD_FAILURE();
+        } catch (const EC_exception& failure) {
+            EXPECT_EQ(failure.status, 9513);
+        }
+        EXPECT_EQ(log.lines().back(), (LogLine{16, "get_master", "Couldn't get master server: 9513"}));
     }
-    EXPECT_THAT(http->requests, IsEmpty());
-    EXPECT_EQ(log.lines().back(), (LogLine{16, "get_master", "Couldn't get master server: 9513"}));
+    EXPECT_EQ(http->made, 0);
+}
+
+TEST(ClientsOfRequestsTest, AreMadeOneForEachAndDeleted) {
+    const SettingsFixture settings(R"({"primaryServer":"primary.example"})");
+    const auto http = boost::make_shared<CountingHttp>();
+    RoleAPI roles(http);
+    ManagedObjectAPI objects(http);
+    OperationAPI operations(http);
+    const ObjectNamespace ns("A");
+    const Role role(json_loads_shared(R"({"type":"accessControlRole","id":"7","attributes":{"name":"n"}})").get());
+    const boost::shared_ptr<json_t> noOperations = json_array_shared();
+    const std::pair<const char*, std::function<void()>> calls[] = {
+        {"get_roles", [&] { roles.get_roles(""); }},
+        {"get_role", [&] { roles.get_role(7); }},
+        {"create_role", [&] { roles.create_role("n", ""); }},
+        {"update_role", [&] { roles.update_role(role); }},
+        {"delete_role_by_id", [&] { roles.delete_role_by_id(7); }},
+        {"get_object", [&] { objects.get_object(ns); }},
+        {"set_inherit", [&] { objects.set_inherit(ns, true); }},
+        {"get_access_definitions", [&] { objects.get_access_definitions(ns); }},
+        {"add_access_definition", [&] { objects.add_access_definition(ns, role, Propagation::OBJECT, noOperations); }},
+        {"delete_access_definition_by_id", [&] { objects.delete_access_definition_by_id(ns, "d"); }},
+        {"get_operations", [&] { operations.get_operations(""); }}};
+    for (const auto& [name, call] : calls) {
+        SCOPED_TRACE(name);
+        http->made = 0;
+        http->answer(500);
+        EXPECT_THROW(call(), EC_exception);
+        EXPECT_EQ(http->made, 1);
+        EXPECT_EQ(http->liveClients, 0);
+    }
+}
+
+TEST(ClientsOfRequestsTest, AreDeletedWhereATextInTheAnswerCannotBeConverted) {
+    const SettingsFixture settings(R"({"primaryServer":"primary.example"})");
+    const auto http = boost::make_shared<CountingHttp>();
+    http->answer(200, R"({"data":[{"type":"accessControlOperation","id":"A"}]})");
+    EXPECT_THROW(OperationAPI(http).get_operations(""), boost::bad_lexical_cast);
+    EXPECT_EQ(http->made, 1);
+    EXPECT_EQ(http->liveClients, 0);
+    http->answer(200, R"({"data":{"type":"managedObject","id":"A","attributes":{"inherit":true,"state":"READY"}}})");
+    EXPECT_THROW(ManagedObjectAPI(http).get_object(ObjectNamespace("A")), boost::bad_lexical_cast);
+    EXPECT_EQ(http->made, 2);
+    EXPECT_EQ(http->liveClients, 0);
 }

@@ -1,13 +1,19 @@
 #include "rbac/rest/Rbac2Json.h"
+#include "testing/FailingAllocations.h"
 #include "testing/LogCapture.h"
 
 #include <rbac/EC_exception.h>
 
 #include <boost/lexical_cast.hpp>
 #include <gmock/gmock.h>
+#include <malloc.h>
 
+#include <cstdlib>
+#include <functional>
+#include <list>
 #include <memory>
 #include <new>
+#include <string>
 
 using namespace Tesmor::Arkwell::Rbac;
 using testing::ElementsAre;
@@ -28,6 +34,57 @@ int statusOfLoading(const std::string& text) {
         return failure.status;
     }
     return 0;
+}
+
+/// Whether a helper throws a pointer to std::bad_alloc.
+template <class Make>
+bool throwsAPointer(Make make) {
+    try {
+        make();
+        // NOLINTNEXTLINE(misc-throw-by-value-catch-by-reference): as it is thrown
+    } catch (std::bad_alloc* thrown) {
+        const std::unique_ptr<std::bad_alloc> owner(thrown);
+        return true;
+    }
+    return false;
+}
+
+// NOLINTBEGIN(cppcoreguidelines-no-malloc): what jansson uses
+
+/// While it lives, jansson's memory is counted, or there is none.
+class JanssonMemory {
+public:
+    explicit JanssonMemory(bool exhausted) {
+        blocks = 0;
+        if (exhausted) {
+            json_set_alloc_funcs([](std::size_t /*size*/) -> void* { return nullptr; }, std::free);
+        } else {
+            json_set_alloc_funcs(allocate, release);
+        }
+    }
+    ~JanssonMemory() { json_set_alloc_funcs(std::malloc, std::free); }
+    JanssonMemory(const JanssonMemory&) = delete;
+    JanssonMemory& operator=(const JanssonMemory&) = delete;
+
+    /// Blocks that are not released yet.
+    static inline int blocks = 0;
+
+private:
+    static void* allocate(std::size_t size) {
+        ++blocks;
+        return std::malloc(size);
+    }
+    static void release(void* block) {
+        blocks -= block != nullptr ? 1 : 0;
+        std::free(block);
+    }
+};
+
+// NOLINTEND(cppcoreguidelines-no-malloc)
+
+std::size_t heapInUse() {
+    const struct mallinfo2 heap = mallinfo2();
+    return heap.uordblks + heap.hblkhd;
 }
 
 }  // namespace
@@ -80,15 +137,57 @@ TEST(Rbac2JsonTest, MakesAString) {
     EXPECT_STREQ(json_string_value(json_string_shared("a \"text\"").get()), "a \"text\"");
 }
 
-TEST(Rbac2JsonTest, ThrowsAPointerForAStringThatCannotBeMade) {
-    try {
-        json_string_shared("\xFF");
-        FAIL();
-        // NOLINTNEXTLINE(misc-throw-by-value-catch-by-reference): as it is thrown
-    } catch (std::bad_alloc* thrown) {
-        const std::unique_ptr<std::bad_alloc> owner(thrown);
-        SUCCEED();
+TEST(Rbac2JsonTest, ThrowsAPointerForAStringThatIsNotUtf8) {
+    EXPECT_TRUE(throwsAPointer([] { json_string_shared("\xFF"); }));
+}
+
+TEST(Rbac2JsonTest, ThrowsAPointerWhereThereIsNoMemoryForAValue) {
+    const JanssonMemory memory(true);
+    EXPECT_TRUE(throwsAPointer([] { json_array_shared(); }));
+    EXPECT_TRUE(throwsAPointer([] { json_object_shared(); }));
+    EXPECT_TRUE(throwsAPointer([] { json_string_shared("a"); }));
+}
+
+TEST(Rbac2JsonTest, ReleasesAValueThatNoPointerCanBeMadeFor) {
+    struct Helper {
+        const char* name;
+        int pointers;
+        std::function<void()> make;
+    };
+    const std::string text = R"(["a"])";
+    const std::list<ObjectNamespace> list = {ObjectNamespace("A")};
+    const Helper helpers[] = {{"json_loads_shared", 1, [&] { json_loads_shared(text); }},
+                              {"json_pack_shared", 1, [] { json_pack_shared("{s:s}", "a", "b"); }},
+                              {"json_array_shared", 1, [] { json_array_shared(); }},
+                              {"json_object_shared", 1, [] { json_object_shared(); }},
+                              {"json_string_shared", 1, [&] { json_string_shared(text); }},
+                              {"json_namespace_shared", 1, [&] { json_namespace_shared(list.front()); }},
+                              {"json_namespaces_shared", 2, [&] { json_namespaces_shared(list); }}};
+    for (const Helper& helper : helpers) {
+        SCOPED_TRACE(helper.name);
+        const JanssonMemory memory(false);
+        const LogCapture log;
+        EXPECT_EQ(testing_support::failEachAllocation(helper.make, [] { EXPECT_EQ(JanssonMemory::blocks, 0); }),
+                  helper.pointers);
+        EXPECT_EQ(JanssonMemory::blocks, 0);
+        EXPECT_THAT(log.lines(), IsEmpty());
     }
+}
+
+TEST(Rbac2JsonTest, ReleasesATextThatNoPointerCanBeMadeFor) {
+    const boost::shared_ptr<json_t> document = json_pack_shared("[s]", std::string(1'000'000, 'x').c_str());
+    const std::size_t before = heapInUse();
+    for (int i = 0; i < 3; ++i) {
+        const testing_support::FailingAllocations none(0);
+        EXPECT_THROW(json_dumps_shared(document), std::bad_alloc);
+    }
+    EXPECT_LT(heapInUse(), before + 1'000'000);
+}
+
+TEST(Rbac2JsonTest, TakesADocumentThatIsNeitherObjectNorArrayForNoMemory) {
+    const LogCapture log;
+    EXPECT_THROW(json_dumps_shared(json_string_shared("a")), std::bad_alloc);
+    EXPECT_THAT(log.lines(), IsEmpty());
 }
 
 TEST(Rbac2JsonTest, WritesANamespaceAsItsText) {

@@ -3,12 +3,12 @@
 #include <rbac/RoleAPI.h>
 
 #include <stdexcept>
+#include <utility>
 
 using namespace Tesmor::Arkwell::Rbac;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing_support::HttpRequest;
-using testing_support::LogLine;
 
 namespace {
 
@@ -23,18 +23,36 @@ std::string roleWithId(const std::string& id) {
     return R"({"type":"accessControlRole","id":)" + id + R"(,"attributes":{"name":"n"}})";
 }
 
+/// What a role is created and updated with.
+std::string documentOf(const std::string& name, const std::string& description) {
+    return R"({"data":{"type":"accessControlRole","attributes":{"name":")" + name + R"(","description":")" +
+           description + "\"}}}";
+}
+
 class RoleApiTest : public ApiFixture {
 protected:
-    /// The status of reading this role.
-    int statusOfRole(const std::string& role) {
-        http_->answer(200, data(role));
-        return statusOf([this] { api_.get_role(7); });
-    }
-
     /// A role as the service has given it.
     Role role(const std::string& document = ROLE) {
         http_->answer(200, data(document));
         return api_.get_role(7);
+    }
+
+    /// What reading this role came to.
+    std::string outcomeOfRole(const std::string& role) {
+        http_->answer(200, data(role));
+        return outcomeOf([this] { api_.get_role(7); });
+    }
+
+    /// Every operation of the client.
+    std::vector<Operation> operations() {
+        return {{"RoleAPI::get_roles", "arkwell/access-control/roles", 200, data("[]"), [this] { api_.get_roles(""); }},
+                {"RoleAPI::get_role", "arkwell/access-control/roles/7", 200, data(ROLE), [this] { api_.get_role(7); }},
+                {"RoleAPI::create_role", "arkwell/access-control/roles", 201, data(ROLE),
+                 [this] { api_.create_role("a", ""); }},
+                {"RoleAPI::update_role", "arkwell/access-control/roles/7", 204, "",
+                 [this, role = role()] { api_.update_role(role); }},
+                {"RoleAPI::delete_role_by_id", "arkwell/access-control/roles/7", 204, "",
+                 [this] { api_.delete_role_by_id(7); }}};
     }
 
     template <class Exception, class Call>
@@ -65,12 +83,13 @@ TEST_F(RoleApiTest, ReadsARole) {
     EXPECT_EQ(http_->liveClients, 0);
 }
 
-TEST_F(RoleApiTest, LogsARequest) {
-    role();
-    EXPECT_THAT(log_.lines(),
-                ElementsAre(LogLine{4, "RoleAPI::get_role",
-                                    "Request for arkwell/access-control/roles/7; curl status 0; http status 200"},
-                            LogLine{2, "RoleAPI::get_role", "Received JSON: " + data(ROLE)}));
+TEST_F(RoleApiTest, LogsEveryRequest) {
+    expectToLogWhatTheyDo(operations());
+}
+
+TEST_F(RoleApiTest, ReadsARoleThatTheSystemDoesNotDefine) {
+    EXPECT_FALSE(
+        role(R"({"type":"accessControlRole","id":"7","attributes":{"name":"n","systemDefined":false}})").systemDefined);
 }
 
 TEST_F(RoleApiTest, ReadsARoleWithoutWhatMayBeAbsent) {
@@ -82,65 +101,59 @@ TEST_F(RoleApiTest, ReadsARoleWithoutWhatMayBeAbsent) {
 }
 
 TEST_F(RoleApiTest, RefusesARoleOfTheWrongShape) {
-    for (const std::string& bad :
-         {std::string("[]"), std::string("5"), std::string("{}"), std::string(R"({"type":"accessControlRole"})"),
-          roleWithId("7"), std::string(R"({"type":"accessControlRole","attributes":{"name":"n"}})"),
-          std::string(R"({"type":"accessControlRole","id":"7","attributes":{}})"),
-          std::string(R"({"type":"accessControlRole","links":{},"id":"7","attributes":{"name":"n"}})")}) {
-        log_.clear();
-        EXPECT_EQ(statusOfRole(bad), 7610) << bad;
-        ASSERT_EQ(errors().size(), 1U) << bad;
-        EXPECT_EQ(errors()[0].tag, "Role::Role");
-        EXPECT_THAT(errors()[0].message, testing::StartsWith("Error parsing JSON response at position ")) << bad;
+    const std::pair<std::string, const char*> cases[] = {
+        {"[]", "1: Expected object, got array"},
+        {"5", "1: Expected object, got integer"},
+        {"{}", "4: Object item not found: type"},
+        {R"({"type":"accessControlRole","links":{},"id":"7","attributes":{"name":"n"}})",
+         "13: Object item not found: self"},
+        {R"({"type":"accessControlRole","attributes":{"name":"n"}})", "23: Object item not found: id"},
+        {roleWithId("7"), "23: Expected string, got integer"},
+        {R"({"type":"accessControlRole","id":"7"})", "28: Object item not found: attributes"},
+        {R"({"type":"accessControlRole","id":"7","attributes":{}})", "31: Object item not found: name"},
+        {R"({"type":"accessControlRole","id":"7","attributes":{"name":"n","description":null}})",
+         "37: Expected string, got null"},
+        {R"({"type":"accessControlRole","id":"7","attributes":{"name":"n","systemDefined":1}})",
+         "43: Expected true or false, got integer"}};
+    for (const auto& [role, message] : cases) {
+        SCOPED_TRACE(role);
+        EXPECT_EQ(outcomeOfRole(role),
+                  std::string("7610 [Role::Role] Error parsing JSON response at position ") + message);
     }
 }
 
 TEST_F(RoleApiTest, RefusesAnotherType) {
-    EXPECT_EQ(statusOfRole(R"({"type":"role","id":"7","attributes":{"name":"n"}})"), 9103);
-    EXPECT_THAT(errors(), ElementsAre(LogLine{16, "Role::Role", "Unexpected response type: role"}));
+    EXPECT_EQ(outcomeOfRole(R"({"type":"role","id":"7","attributes":{"name":"n"}})"),
+              "9103 [Role::Role] Unexpected response type: role");
 }
 
 TEST_F(RoleApiTest, RefusesAnIdThatIsNoNumber) {
     for (const std::string id : {"12a", "", " 7", "7 ", "1.0", "2147483648"}) {
-        log_.clear();
-        EXPECT_EQ(statusOfRole(roleWithId('"' + id + '"')), 9103) << id;
-        ASSERT_EQ(errors().size(), 1U);
-        EXPECT_THAT(errors()[0].message, testing::StartsWith("Invalid role ID in response: " + id + " (")) << id;
+        EXPECT_EQ(outcomeOfRole(roleWithId('"' + id + '"')),
+                  "9103 [Role::Role] Invalid role ID in response: " + id + " (" + BAD_CAST + ")");
     }
 }
 
 TEST_F(RoleApiTest, RefusesANegativeId) {
-    EXPECT_EQ(statusOfRole(roleWithId("\"-1\"")), 9103);
-    EXPECT_THAT(errors(), ElementsAre(LogLine{16, "Role::Role", "Invalid role ID in response: -1"}));
+    EXPECT_EQ(outcomeOfRole(roleWithId("\"-1\"")), "9103 [Role::Role] Invalid role ID in response: -1");
 }
 
 TEST_F(RoleApiTest, RefusesAnAnswerWithoutData) {
-    for (const char* body : {"{}", "[]"}) {
-        log_.clear();
-        http_->answer(200, body);
-        EXPECT_EQ(statusOf([this] { api_.get_role(7); }), 7610);
-        EXPECT_THAT(errors(),
-                    ElementsAre(LogLine{16, "RoleAPI::get_role", "Error getting 'data' field from JSON response"}));
-    }
-}
-
-TEST_F(RoleApiTest, RefusesAnAnswerThatIsNotJson) {
-    http_->answer(200, "");
-    EXPECT_EQ(statusOf([this] { api_.get_role(7); }), 7610);
-    EXPECT_THAT(errors(), ElementsAre(LogLine{16, "json_loads_shared",
-                                              "Error parsing JSON: '[' or '{' expected near end of file"}));
+    expectToReportAnswersWithoutData(operations());
 }
 
 TEST_F(RoleApiTest, PassesTheTransportsStatusOnWithoutALog) {
-    http_->fail(9554);
-    EXPECT_EQ(statusOf([this] { api_.get_role(7); }), 9554);
-    EXPECT_THAT(log_.lines(), IsEmpty());
+    expectToPassTransportFailuresOn(operations());
+}
+
+TEST_F(RoleApiTest, TakesNoOtherSuccessForItsOwn) {
+    expectToRefuseOtherStatuses(operations());
 }
 
 TEST_F(RoleApiTest, PassesTheServicesErrorCodeOn) {
     http_->answer(404, R"({"errorCode":5001,"errorMessage":"no such role"})");
-    EXPECT_EQ(statusOf([this] { api_.get_role(7); }), 5001);
-    EXPECT_THAT(errors(), ElementsAre(LogLine{16, "RoleAPI::get_role", "Unexpected HTTP status: 404: no such role"}));
+    EXPECT_EQ(outcomeOf([this] { api_.get_role(7); }),
+              "5001 [RoleAPI::get_role] Unexpected HTTP status: 404: no such role");
 }
 
 TEST_F(RoleApiTest, ListsRolesInTheServicesOrder) {
@@ -165,17 +178,15 @@ TEST_F(RoleApiTest, TakesDataThatIsNoArrayForNoRoles) {
 }
 
 TEST_F(RoleApiTest, FailsAListForOneBadElement) {
-    http_->answer(200, data("[" + roleWithId("\"9\"") + "," + roleWithId("\"x\"") + "]"));
-    EXPECT_EQ(statusOf([this] { api_.get_roles(""); }), 9103);
+    http_->answer(200, data("[" + roleWithId("\"9\"") + "," + roleWithId("\"-2\"") + "]"));
+    EXPECT_EQ(outcomeOf([this] { api_.get_roles(""); }), "9103 [Role::Role] Invalid role ID in response: -2");
 }
 
 TEST_F(RoleApiTest, CreatesARole) {
     http_->answer(201, data(ROLE));
     EXPECT_EQ(api_.create_role("a", "b").id, 7);
     EXPECT_THAT(http_->requests,
-                ElementsAre(HttpRequest{
-                    "POST", "arkwell/access-control/roles",
-                    R"({"data":{"type":"accessControlRole","attributes":{"name":"a","description":"b"}}})", ""}));
+                ElementsAre(HttpRequest{"POST", "arkwell/access-control/roles", documentOf("a", "b"), ""}));
 }
 
 TEST_F(RoleApiTest, LeavesAnEmptyDescriptionOut) {
@@ -184,19 +195,32 @@ TEST_F(RoleApiTest, LeavesAnEmptyDescriptionOut) {
     EXPECT_EQ(http_->requests[0].body, R"({"data":{"type":"accessControlRole","attributes":{"name":"a"}}})");
 }
 
-TEST_F(RoleApiTest, TakesNoOtherSuccessForACreation) {
-    http_->answer(200, data(ROLE));
-    EXPECT_EQ(statusOf([this] { api_.create_role("a", ""); }), 114);
+TEST_F(RoleApiTest, CreatesARoleOfTheGreatestLengths) {
+    http_->answer(201, data(ROLE));
+    api_.create_role(std::string(64, 'n'), std::string(256, 'd'));
+    EXPECT_EQ(http_->requests[0].body, documentOf(std::string(64, 'n'), std::string(256, 'd')));
 }
 
 TEST_F(RoleApiTest, LimitsWhatIsCreated) {
-    http_->answer(201, data(ROLE));
-    api_.create_role(std::string(64, 'n'), std::string(256, 'd'));
-    EXPECT_EQ(refusal<std::length_error>([this] { api_.create_role(std::string(65, 'n'), std::string(257, 'd')); }),
+    const std::string tooLong(257, 'd');
+    EXPECT_EQ(refusal<std::length_error>([this] { api_.create_role(std::string(65, 'n'), "d"); }),
               "limit for role name is 64");
-    EXPECT_EQ(refusal<std::length_error>([this] { api_.create_role("", std::string(257, 'd')); }),
-              "limit for role description is 256");
+    EXPECT_EQ(refusal<std::length_error>([&] { api_.create_role(std::string(65, 'n'), tooLong); }),
+              "limit for role name is 64");
+    EXPECT_EQ(refusal<std::length_error>([&] { api_.create_role("n", tooLong); }), "limit for role description is 256");
+    EXPECT_EQ(refusal<std::length_error>([&] { api_.create_role("", tooLong); }), "limit for role description is 256");
     EXPECT_EQ(refusal<std::invalid_argument>([this] { api_.create_role("", ""); }), "role name is required");
+}
+
+TEST_F(RoleApiTest, SendsNoTextThatIsNotUtf8) {
+    Role changed = role();
+    changed.name = "\xFF";
+    http_->requests.clear();
+    const std::string expected = "bad_alloc [json_pack_shared] Error generating JSON: Invalid UTF-8 string";
+    EXPECT_EQ(outcomeOf([this] { api_.create_role("\xFF", ""); }), expected);
+    EXPECT_EQ(outcomeOf([this] { api_.create_role("n", "\xFF"); }), expected);
+    EXPECT_EQ(outcomeOf([&] { api_.update_role(changed); }), expected);
+    EXPECT_THAT(http_->requests, IsEmpty());
 }
 
 TEST_F(RoleApiTest, UpdatesARoleByItsLink) {
@@ -204,10 +228,25 @@ TEST_F(RoleApiTest, UpdatesARoleByItsLink) {
     changed.name = std::string(100, 'n');
     http_->answer(204);
     api_.update_role(changed);
-    EXPECT_EQ(http_->requests[1], (HttpRequest{"PUT", "arkwell/access-control/roles/7",
-                                               R"({"data":{"type":"accessControlRole","attributes":{"name":")" +
-                                                   std::string(100, 'n') + R"(","description":"d"}}})",
-                                               ""}));
+    EXPECT_EQ(http_->requests[1],
+              (HttpRequest{"PUT", "arkwell/access-control/roles/7", documentOf(changed.name, "d"), ""}));
+}
+
+TEST_F(RoleApiTest, UpdatesARoleOfTheGreatestLengths) {
+    Role changed = role();
+    changed.name = std::string(256, 'n');
+    changed.description = std::string(256, 'd');
+    http_->answer(204);
+    api_.update_role(changed);
+    EXPECT_EQ(http_->requests[1].body, documentOf(changed.name, changed.description));
+}
+
+TEST_F(RoleApiTest, LeavesAnEmptyDescriptionOutOfAnUpdate) {
+    Role changed = role();
+    changed.description.clear();
+    http_->answer(204);
+    api_.update_role(changed);
+    EXPECT_EQ(http_->requests[1].body, R"({"data":{"type":"accessControlRole","attributes":{"name":"n"}}})");
 }
 
 TEST_F(RoleApiTest, SendsARoleWithoutALinkToTheRoot) {
@@ -223,6 +262,8 @@ TEST_F(RoleApiTest, LimitsWhatIsUpdated) {
     changed.name = std::string(257, 'n');
     changed.description = std::string(257, 'd');
     EXPECT_EQ(refusal<std::length_error>([&] { api_.update_role(changed); }), "limit for role name is 256");
+    changed.name = "n";
+    EXPECT_EQ(refusal<std::length_error>([&] { api_.update_role(changed); }), "limit for role description is 256");
     changed.name.clear();
     EXPECT_EQ(refusal<std::length_error>([&] { api_.update_role(changed); }), "limit for role description is 256");
     changed.description = std::string(256, 'd');
@@ -233,6 +274,4 @@ TEST_F(RoleApiTest, DeletesARole) {
     http_->answer(204);
     api_.delete_role_by_id(7);
     EXPECT_THAT(http_->requests, ElementsAre(HttpRequest{"DELETE", "arkwell/access-control/roles/7", "", ""}));
-    http_->answer(200);
-    EXPECT_EQ(statusOf([this] { api_.delete_role_by_id(7); }), 114);
 }
