@@ -76,6 +76,7 @@ private:
     friend ARKWELL_EXPORT bool operator==(const ObjectNamespace& left, const ObjectNamespace& right);
     friend ARKWELL_EXPORT bool operator<(const ObjectNamespace& left, const ObjectNamespace& right);
     friend ARKWELL_EXPORT std::istream& operator>>(std::istream& in, ObjectNamespace& ns);
+    friend struct NamespaceText;
 
     std::list<std::string> components_;
     mutable std::string text_;  // empty: not computed yet

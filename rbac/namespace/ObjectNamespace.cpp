@@ -1,3 +1,5 @@
+#include "rbac/namespace/NamespaceText.h"
+
 #include <platform/Text.h>
 #include <rbac/EC_exception.h>
 #include <rbac/ObjectNamespace.h>
@@ -6,9 +8,11 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstring>
 #include <istream>
 #include <iterator>
 #include <ostream>
+#include <typeinfo>
 #include <utility>
 
 namespace Tesmor::Arkwell::Rbac {
@@ -126,17 +130,9 @@ ObjectNamespace ObjectNamespace::operator|(ObjectNamespace tail) const {
 }
 
 const std::string& ObjectNamespace::str() const {
-    if (!text_.empty()) {
-        return text_;
+    if (text_.empty()) {
+        text_ = NamespaceText::make(*this);
     }
-    std::string text;
-    text.reserve(leastTextSize(components_));
-    text += BAR;
-    for (const std::string& component : components_) {
-        text += encode_component(component);
-        text += BAR;
-    }
-    text_ = std::move(text);
     return text_;
 }
 
@@ -198,6 +194,46 @@ std::istream& operator>>(std::istream& in, ObjectNamespace& ns) {
     // Nothing is left after the last bar: the text was read in full.
     in.clear();
     return in;
+}
+
+ObjectNamespace NamespaceText::parse(const char* text) {
+    const auto refuse = [] { throw boost::bad_lexical_cast(typeid(const char*), typeid(ObjectNamespace)); };
+    if (*text != BAR) {
+        refuse();
+    }
+    ObjectNamespace ns;
+    std::string piece;
+    const char* begin = text + 1;
+    while (const char* const end = std::strchr(begin, BAR)) {
+        piece.assign(begin, end);
+        if (percentDecodeUriPart(piece, ns.components_.emplace_back()) != 0) {
+            refuse();
+        }
+        begin = end + 1;
+    }
+    if (*begin != '\0') {
+        refuse();
+    }
+    return ns;
+}
+
+std::string NamespaceText::make(const ObjectNamespace& ns) {
+    std::string text;
+    text.reserve(leastTextSize(ns.components_));
+    text += BAR;
+    for (const std::string& component : ns.components_) {
+        text += ObjectNamespace::encode_component(component);
+        text += BAR;
+    }
+    return text;
+}
+
+std::string NamespaceText::of(const ObjectNamespace& ns) {
+    try {
+        return ns.text_.empty() ? make(ns) : ns.text_;
+    } catch (const EC_exception&) {
+        throw boost::bad_lexical_cast(typeid(ObjectNamespace), typeid(std::string));
+    }
 }
 
 int namespaceToString(const ObjectNamespace& ns, std::string& out) {

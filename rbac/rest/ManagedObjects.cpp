@@ -1,3 +1,4 @@
+#include "rbac/namespace/NamespaceText.h"
 #include "rbac/rest/Rbac2Curl.h"
 #include "rbac/rest/Rbac2Json.h"
 #include "rbac/rest/Resources.h"
@@ -53,11 +54,11 @@ ObjectNamespace readOperationReference(const json_t* reference, int index) {
         logmsgf(16, DEFINITION_TAG, "Invalid operation %d relationship type: %s", index, type);
         throw EC_exception(DOCUMENT_UNEXPECTED);
     }
-    return boost::lexical_cast<ObjectNamespace>(id);
+    return NamespaceText::parse(id);
 }
 
 std::string urlOfObject(const ObjectNamespace& ns) {
-    return OBJECTS_URL + encode_uri_part(boost::lexical_cast<std::string>(ns));
+    return OBJECTS_URL + encode_uri_part(NamespaceText::of(ns));
 }
 
 std::string urlOfDefinitions(const ObjectNamespace& ns) {
@@ -114,7 +115,7 @@ ManagedObjectResource::ManagedObjectResource(const json_t* resource) {
         throw_incomplete(error, OBJECT_TAG);
     }
     require_type(type, OBJECT_TYPE, OBJECT_TAG);
-    objectNamespace = boost::lexical_cast<ObjectNamespace>(id);
+    objectNamespace = NamespaceText::parse(id);
     state = parseState(stateText);
 }
 
@@ -153,7 +154,7 @@ AccessDefinition::AccessDefinition(const json_t* resource) {
         throw EC_exception(DOCUMENT_UNEXPECTED);
     }
     roleId = boost::lexical_cast<int>(roleText);
-    managedObject = boost::lexical_cast<ObjectNamespace>(objectText);
+    managedObject = NamespaceText::parse(objectText);
     if (objectType != std::string(OBJECT_TYPE)) {
         logmsgf(16, DEFINITION_TAG, "Invalid object relationship type: %s", objectType);
         throw EC_exception(DOCUMENT_UNEXPECTED);

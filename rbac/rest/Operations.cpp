@@ -1,4 +1,5 @@
 #include "platform/Handles.h"
+#include "rbac/namespace/NamespaceText.h"
 #include "rbac/rest/Rbac2Curl.h"
 #include "rbac/rest/Resources.h"
 
@@ -6,7 +7,6 @@
 #include <rbac/EC_exception.h>
 #include <rbac/OperationAPI.h>
 
-#include <boost/lexical_cast.hpp>
 #include <boost/scoped_ptr.hpp>
 
 #include <utility>
@@ -28,7 +28,7 @@ ObjectNamespace readOperation(const json_t* resource) {
         throw EC_exception(DOCUMENT_INCOMPLETE);
     }
     require_type(type, OPERATION_TYPE, TAG);
-    return boost::lexical_cast<ObjectNamespace>(id);
+    return NamespaceText::parse(id);
 }
 
 }  // namespace

@@ -1,9 +1,9 @@
 #include "rbac/rest/Rbac2Json.h"
 
+#include "rbac/namespace/NamespaceText.h"
+
 #include <platform/Logger.h>
 #include <rbac/EC_exception.h>
-
-#include <boost/lexical_cast.hpp>
 
 #include <cstdarg>
 #include <cstdlib>
@@ -32,7 +32,7 @@ boost::shared_ptr<json_t> made(json_t* value) {
 }  // namespace
 
 boost::shared_ptr<char> json_dumps_shared(const boost::shared_ptr<json_t>& doc) {
-    boost::shared_ptr<char> text(json_dumps(doc.get(), JSON_COMPACT | JSON_ENSURE_ASCII), free);
+    boost::shared_ptr<char> text(json_dumps(doc.get(), JSON_TEXT_FLAGS), free);
     if (!text) {
         throw std::bad_alloc();
     }
@@ -76,7 +76,7 @@ boost::shared_ptr<json_t> json_string_shared(const std::string& s) {
 }
 
 boost::shared_ptr<json_t> json_namespace_shared(const ObjectNamespace& ns) {
-    return json_string_shared(boost::lexical_cast<std::string>(ns));
+    return json_string_shared(NamespaceText::of(ns));
 }
 
 boost::shared_ptr<json_t> json_namespaces_shared(const std::list<ObjectNamespace>& list) {

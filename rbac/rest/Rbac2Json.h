@@ -6,6 +6,7 @@
 #include <boost/shared_ptr.hpp>
 #include <jansson.h>
 
+#include <cstddef>
 #include <list>
 #include <string>
 
@@ -20,6 +21,9 @@ namespace Rbac {
 // Beware of two kinds of failure: where memory runs out, dumping and packing throw std::bad_alloc, but making an array
 // or a string throws a pointer to one, which callers have come to rely on.
 
+/// How documents are written: compact and in ASCII.
+constexpr std::size_t JSON_TEXT_FLAGS = JSON_COMPACT | JSON_ENSURE_ASCII;
+
 /// Serialises a document, compact and in ASCII.
 ///
 /// @throws std::bad_alloc: out of memory, or an empty pointer was passed.
@@ -32,7 +36,8 @@ ARKWELL_EXPORT boost::shared_ptr<json_t> json_loads_shared(const std::string& te
 
 /// Builds a document from a format and its arguments, as json_pack() does.
 ///
-/// @throws std::bad_alloc: also where the arguments do not fit the format; jansson's message is logged.
+/// @throws std::bad_alloc: also where the arguments do not fit the format, or a text is not UTF-8; jansson's message is
+/// logged.
 ARKWELL_EXPORT boost::shared_ptr<json_t> json_pack_shared(const char* format, ...);
 
 /// Makes an empty array.

@@ -6,6 +6,7 @@
 #include <boost/shared_ptr.hpp>
 
 #include <deque>
+#include <exception>
 #include <ostream>
 #include <string>
 #include <utility>
@@ -31,6 +32,7 @@ struct HttpAnswer {
     int transportStatus;
     long httpStatus;
     std::string body;
+    std::exception_ptr thrown;  ///< what the request throws instead; null: nothing
 };
 
 /// Makes clients that give the answers of a script, one after the other, and remember what they were asked. After the
@@ -40,9 +42,14 @@ public:
     static constexpr int NO_MORE_ANSWERS = -1;
 
     /// The next request is answered with this HTTP status and body.
-    void answer(long httpStatus, const std::string& body = "") { answers_.push_back({0, httpStatus, body}); }
+    void answer(long httpStatus, const std::string& body = "") { answers_.push_back({0, httpStatus, body, {}}); }
     /// The next request fails with this transport status.
-    void fail(int transportStatus) { answers_.push_back({transportStatus, 0, ""}); }
+    void fail(int transportStatus) { answers_.push_back({transportStatus, 0, "", {}}); }
+    /// The next request throws this.
+    template <class Thrown>
+    void raise(const Thrown& thrown) {
+        answers_.push_back({0, 0, "", std::make_exception_ptr(thrown)});
+    }
 
     AWClientCURL_Base* create(const std::string& serverName, int serverPort, AWCurlSessionType kind) override {
         host = serverName;
@@ -81,6 +88,9 @@ private:
             }
             const HttpAnswer answer = std::move(script_.answers_.front());
             script_.answers_.pop_front();
+            if (answer.thrown) {
+                std::rethrow_exception(answer.thrown);
+            }
             httpStatus = answer.httpStatus;
             responseBody = answer.body;
             return answer.transportStatus;
