@@ -1,10 +1,11 @@
 // A server program: it gets its client from the access-control service, checkers from session tokens, and answers,
 // again and again while somebody else changes the access.
 //
-// watch_access WATCHED_PATH TOKENS_FILE --path PATH...
+//     watch_access WATCHED_PATH TOKENS_FILE [--turns N] [--path PATH]...
 //
 // The tokens file has a line "NAME TOKEN" for each user. Prints a table of users, paths and operations, then checks
-// until an answer about WATCHED_PATH turns, then prints the table again and how fast it was.
+// whether the first user may view WATCHED_PATH until the answer has turned N times, then prints the table again and how
+// fast it was.
 
 #include "sandbox/TreeImport.h"
 
@@ -38,6 +39,7 @@ struct User {
 
 struct Arguments {
     std::string watched;
+    int turns;
     std::vector<User> users;
     std::vector<std::string> paths;
 };
@@ -62,14 +64,17 @@ std::vector<User> readUsers(const std::string& path) {
 
 Arguments parseArguments(const std::vector<std::string>& words) {
     if (words.size() < 2) {
-        throw std::invalid_argument("usage: watch_access WATCHED_PATH TOKENS_FILE [--path PATH]...");
+        throw std::invalid_argument("usage: watch_access WATCHED_PATH TOKENS_FILE [--turns N] [--path PATH]...");
     }
-    Arguments arguments{words[0], readUsers(words[1]), {}};
+    Arguments arguments{words[0], 1, readUsers(words[1]), {}};
     for (std::size_t i = 2; i + 1 < words.size(); i += 2) {
-        if (words[i] != "--path") {
+        if (words[i] == "--path") {
+            arguments.paths.push_back(words[i + 1]);
+        } else if (words[i] == "--turns") {
+            arguments.turns = std::stoi(words[i + 1]);
+        } else {
             throw std::invalid_argument("unknown option " + words[i]);
         }
-        arguments.paths.push_back(words[i + 1]);
     }
     return arguments;
 }
@@ -120,17 +125,12 @@ void printTable(const Enforcement& enforcement, const Arguments& arguments) {
 }
 
 /// Checks until the answer turns. Prints how many checks that took.
-void watch(const Enforcement& enforcement, const Arguments& arguments) {
-    const User& user = arguments.users.front();
-    const auto checker = requireChecker(enforcement, user, operations::VIEW);
-    const ObjectNamespace object = Tesmor::Arkwell::Sandbox::namespaceOfPath(arguments.watched);
-    const bool before = checker->checkAccess(object);
-    std::cout << "\nMay " << user.name << " VIEW " << arguments.watched << "? " << (before ? "yes" : "no")
-              << ". Checking on ..." << std::endl;
-
+void awaitTurn(const AccessChecker& checker, const ObjectNamespace& object) {
+    const bool before = checker.checkAccess(object);
+    std::cout << (before ? "yes" : "no") << ". Checking on ..." << std::endl;
     const Clock::time_point begin = Clock::now();
     std::size_t checks = 1;
-    while (checker->checkAccess(object) == before) {
+    while (checker.checkAccess(object) == before) {
         ++checks;
         if (checks % 1024 == 0 && Clock::now() - begin > LONGEST_WAIT) {
             throw std::runtime_error("the answer has not turned");
@@ -138,7 +138,18 @@ void watch(const Enforcement& enforcement, const Arguments& arguments) {
     }
     const auto took = std::chrono::duration<double>(Clock::now() - begin).count();
     std::cout << "After " << checks << " checks in " << std::fixed << std::setprecision(2) << took
-              << " s the same checker says: " << (before ? "no" : "yes") << "\n";
+              << " s the same checker says: ";
+}
+
+void watch(const Enforcement& enforcement, const Arguments& arguments) {
+    const User& user = arguments.users.front();
+    const auto checker = requireChecker(enforcement, user, operations::VIEW);
+    const ObjectNamespace object = Tesmor::Arkwell::Sandbox::namespaceOfPath(arguments.watched);
+    std::cout << "\nMay " << user.name << " VIEW " << arguments.watched << "? ";
+    for (int turn = 0; turn < arguments.turns; ++turn) {
+        awaitTurn(*checker, object);
+    }
+    std::cout << (checker->checkAccess(object) ? "yes" : "no") << "\n";
 }
 
 double checksPerSecond(const Enforcement& enforcement, const Arguments& arguments) {

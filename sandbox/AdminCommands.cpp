@@ -37,6 +37,10 @@ std::string importTree(const Surroundings& surroundings, const DocumentValue& co
     return report + ")\n";
 }
 
+std::string importRoles(const Surroundings& surroundings, const DocumentValue& /*command*/) {
+    return "added " + std::to_string(importRoles(surroundings.service)) + " roles\n";
+}
+
 std::string addOperation(const Surroundings& surroundings, const DocumentValue& command) {
     const std::string name = command.member("name").objectName().str();
     const std::string appliesTo = command.member("appliesTo").objectName().str();
@@ -96,8 +100,8 @@ std::string listFaults(const Surroundings& surroundings, const DocumentValue& /*
 
 using Command = std::string (*)(const Surroundings&, const DocumentValue&);
 const std::map<std::string, Command> COMMANDS{
-    {"import-tree", importTree}, {"add-operation", addOperation}, {"settle", settle},
-    {"set-faults", setFaults},   {"clear-faults", clearFaults},   {"list-faults", listFaults},
+    {"import-tree", importTree}, {"import-roles", importRoles}, {"add-operation", addOperation}, {"settle", settle},
+    {"set-faults", setFaults},   {"clear-faults", clearFaults}, {"list-faults", listFaults},
 };
 
 std::string report(const char* key, const std::string& text) {

@@ -12,6 +12,7 @@ namespace Sandbox {
 /// Carries out a command that the service, or who stands in for it while it does not run, is given:
 ///
 ///     {"command": "import-tree", "path": "/usr/share", "revoke": ["everybody:VIEW:/usr/share/doc"]}
+///     {"command": "import-roles"}
 ///     {"command": "add-operation", "name": "|OPERATIONS|RESTORE|", "appliesTo": "|ASSETS|"}
 ///     {"command": "settle", "name": "|ASSETS|db|", "state": "READY", "user": "root"}
 ///     {"command": "set-faults", "faults": ["/=delay:500"]}    {"command": "clear-faults"}    {"command":

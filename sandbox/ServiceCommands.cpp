@@ -106,6 +106,8 @@ void ServiceCommands::addState(CLI::App& app) {
     importing->add_option("path", path_, "the directory")->required();
     importing->add_option("--revoke", revoked_,
                           "ROLE:OPERATION:PATH, a grant to leave out; ROLE is a number or \"everybody\"");
+    add(app, "import-roles", "add the users and groups of this machine as roles", "rbac-sandbox import-roles",
+        &ServiceCommands::importRoles);
     add(app, "pending", "list the objects that are PENDING, since when and by whom", "rbac-sandbox pending",
         &ServiceCommands::listPending);
     CLI::App* const settling = add(app, "settle", "commit or delete an object that was left PENDING",
@@ -206,6 +208,10 @@ void ServiceCommands::importTree() const {
     const std::string path = std::filesystem::canonical(path_);
     carryOut(json::dump(json::pack("{s:s, s:s, s:o}", "command", "import-tree", "path", path.c_str(), "revoke",
                                    listOf(revoked_).release())));
+}
+
+void ServiceCommands::importRoles() const {
+    carryOut(R"({"command": "import-roles"})");
 }
 
 void ServiceCommands::listPending() const {

@@ -36,6 +36,7 @@ private:
 
     void serve() const;
     void importTree() const;
+    void importRoles() const;
     void listPending() const;
     void settle() const;
     void addOperation() const;

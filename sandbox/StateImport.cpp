@@ -20,6 +20,23 @@ constexpr char ROLE_DESCRIPTION[] = "of this machine";
 constexpr char OBJECT_TYPE[] = "file";
 constexpr char IMPORTER[] = "import-tree";
 
+/// @return how many were missing.
+std::size_t addMissingRoles(RoleTable& table, const std::set<int>& roles) {
+    std::size_t added = 0;
+    for (const int role : roles) {
+        if (table.find(role)) {
+            continue;
+        }
+        const std::string name = unix_roles::nameOf(role);
+        if (table.findByName(name)) {
+            throw ServiceError(error_kinds::NAME_TAKEN, "there is a role of the name " + name);
+        }
+        table.put({role, name, ROLE_DESCRIPTION});
+        ++added;
+    }
+    return added;
+}
+
 /// Puts the objects of a model into the tables, where they are not yet.
 class StateFiller {
 public:
@@ -44,25 +61,13 @@ public:
 
 private:
     void addRoles() {
-        std::set<std::int32_t> roles;
+        std::set<int> roles;
         for (std::uint32_t list = 0; list < model_.grantListCount(); ++list) {
             for (const Grant& grant : model_.grants(list)) {
                 roles.insert(grant.roleId);
             }
         }
-        for (const std::int32_t role : roles) {
-            if (!change_.tables.roles.find(role)) {
-                addRole(role);
-            }
-        }
-    }
-
-    void addRole(std::int32_t id) {
-        const std::string name = unix_roles::nameOf(id);
-        if (change_.tables.roles.findByName(name)) {
-            throw ServiceError(error_kinds::NAME_TAKEN, "there is a role of the name " + name);
-        }
-        change_.tables.roles.put({id, name, ROLE_DESCRIPTION});
+        addMissingRoles(change_.tables.roles, roles);
     }
 
     std::int64_t addObject(const AccessModel::Entry& entry) {
@@ -134,6 +139,13 @@ ImportCounts importIntoState(AccessService& service, const std::string& path,
         change.touchEverything();
     });
     return counts;
+}
+
+std::size_t importRoles(AccessService& service) {
+    std::size_t added = 0;
+    service.change(
+        [&](StateChange& change) { added = addMissingRoles(change.tables.roles, unix_roles::ofThisMachine()); });
+    return added;
 }
 
 }  // namespace Tesmor::Arkwell::Sandbox

@@ -23,6 +23,12 @@ Revocation parseRevocation(const std::string& text);
 ImportCounts importIntoState(AccessService& service, const std::string& path,
                              const std::vector<Revocation>& revocations);
 
+/// Adds the roles of the users and groups of this machine that are missing.
+///
+/// @return how many were added.
+/// @throws what AccessService::change() throws.
+std::size_t importRoles(AccessService& service);
+
 }  // namespace Sandbox
 }  // namespace Arkwell
 }  // namespace Tesmor

@@ -55,6 +55,21 @@ std::set<int> all(const std::string& userName) {
     return roles;
 }
 
+std::set<int> ofThisMachine() {
+    std::set<int> roles{EVERYBODY};
+    setpwent();
+    while (const passwd* const user = getpwent()) {
+        roles.insert(ofUser(user->pw_uid));
+    }
+    endpwent();
+    setgrent();
+    while (const group* const known = getgrent()) {
+        roles.insert(ofGroup(known->gr_gid));
+    }
+    endgrent();
+    return roles;
+}
+
 std::string nameOf(int roleId) {
     if (roleId == SUPERUSER) {
         return "superuser";

@@ -24,6 +24,9 @@ int ofGroup(gid_t group);
 /// @throws std::invalid_argument where there is no such user.
 std::set<int> all(const std::string& userName);
 
+/// The roles of every user and every group that this machine lists.
+std::set<int> ofThisMachine();
+
 /// A role's name for people: "everybody", "user www-data", "group adm".
 std::string nameOf(int roleId);
 
