@@ -125,12 +125,14 @@ int JWTSSLApi::B64Encode(const unsigned char* data, int length, std::string& enc
     if (!filter) {
         return BASE64_FAILED;
     }
-    if (BIO_write(filter.get(), data, length) <= 0 || BIO_flush(filter.get()) <= 0) {
+    BUF_MEM* memory = nullptr;
+    BIO_get_mem_ptr(filter.get(), &memory);
+    // A flush that has no memory for the last bytes reports success.
+    if (BIO_write(filter.get(), data, length) <= 0 || BIO_flush(filter.get()) <= 0 ||
+        memory->length != (static_cast<std::size_t>(length) + 2) / 3 * 4) {
         logmsg(16, ENCODE_CONTEXT, "Could not write data to be encoded");
         return BASE64_FAILED;
     }
-    BUF_MEM* memory = nullptr;
-    BIO_get_mem_ptr(filter.get(), &memory);
     try {
         encoded.assign(memory->data, memory->length);
     } catch (const std::bad_alloc&) {

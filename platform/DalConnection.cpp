@@ -52,11 +52,32 @@ std::string_view withoutIntroduction(std::string_view sql) {
     return sql;
 }
 
-/// Whether executing it once more does no harm.
-bool isSelect(std::string_view sql) {
+char upper(char c) {
+    return static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+}
+
+/// Whether the word occurs, be it as a part of another or in a literal.
+bool mentions(std::string_view sql, std::string_view word) {
+    return std::search(sql.begin(), sql.end(), word.begin(), word.end(),
+                       [](char a, char b) { return upper(a) == b; }) != sql.end();
+}
+
+/// Whether there is no other statement behind it. A semicolon in a literal is taken for the end of one.
+bool isSingle(std::string_view sql) {
+    while (!sql.empty() && (isBlank(sql.back()) || sql.back() == ';')) {
+        sql.remove_suffix(1);
+    }
+    return sql.find(';') == std::string_view::npos;
+}
+
+/// Whether executing it once more surely does no harm. This is no parser: in doubt it does.
+bool isReadOnly(std::string_view sql) {
     static constexpr std::string_view SELECT = "SELECT";
+    if (!isSingle(sql) || mentions(sql, "INTO")) {
+        return false;
+    }
     sql = withoutIntroduction(sql);
-    const auto sameLetter = [](char a, char b) { return std::toupper(static_cast<unsigned char>(b)) == a; };
+    const auto sameLetter = [](char a, char b) { return upper(b) == a; };
     return sql.size() > SELECT.size() && std::equal(SELECT.begin(), SELECT.end(), sql.begin(), sameLetter) &&
            std::isalnum(static_cast<unsigned char>(sql[SELECT.size()])) == 0 && sql[SELECT.size()] != '_';
 }
@@ -69,7 +90,8 @@ std::string_view valueOf(const Binding& parameter) {
                                 : std::string_view(parameter.value, static_cast<std::size_t>(parameter.length));
 }
 
-/// Gives the statement its own copy of what it is to execute.
+/// Gives the statement its own copy of what it is to execute: it may outlive the call, and what the database says of
+/// the values even longer.
 void copyExecution(OpenStatement& open, const PooledConnection::Execution& execution) {
     open.ownSql = execution.sql;
     open.sql = open.ownSql.c_str();
@@ -151,7 +173,7 @@ int PooledConnection::acquire() {
 int PooledConnection::execute(Statement& statement, const Execution& execution) {
     const int status = executeOnce(statement, execution);
     if (status != platform_status::DATABASE_CONNECTION_LOST || isInherited() || execution.failWhenLost ||
-        !isSelect(execution.sql)) {
+        !isReadOnly(execution.sql)) {
         return status;
     }
     logmsgf(8, EXECUTE, "%s: the connection is lost; executing once more on a new one", execution.context);
@@ -172,21 +194,12 @@ int PooledConnection::executeOnce(Statement& statement, const Execution& executi
     }
     OpenStatement& open = openOn(statement);
     open.context = execution.context;
-    open.sql = execution.sql;
-    open.parameters = execution.parameters;
-    if (link_->isRemote()) {
-        copyExecution(open, execution);
-    }
+    copyExecution(open, execution);
     if (!link_->execute(open)) {
         return timedOut(EXECUTE, execution.context);
     }
     if (open.result.status != 0) {
-        Redaction redaction;
-        for (const Binding* parameter = execution.parameters; parameter != nullptr && parameter->kind != 0;
-             ++parameter) {
-            redaction.hide(valueOf(*parameter));
-        }
-        logFailure(EXECUTE, open, redaction, "");
+        logFailure(EXECUTE, open, "");
     }
     return settle(open.result.status);
 }
@@ -229,7 +242,7 @@ int PooledConnection::fetchRow(OpenStatement& open, const Row& row) {
         copyRow(open, row);
     }
     if (status != 0 && status != platform_status::DATABASE_END_OF_ROWS) {
-        logFailure(FETCH, open, Redaction(), open.result.failedColumn > 0 ? describeColumn(row, open.result) : "");
+        logFailure(FETCH, open, open.result.failedColumn > 0 ? describeColumn(row, open.result) : "");
     }
     return settle(status);
 }
@@ -283,8 +296,11 @@ int PooledConnection::settle(int status) {
     return status;
 }
 
-void PooledConnection::logFailure(const char* tag, const OpenStatement& open, Redaction redaction,
-                                  const std::string& what) const {
+void PooledConnection::logFailure(const char* tag, const OpenStatement& open, const std::string& what) const {
+    Redaction redaction;
+    for (const std::string& value : open.ownValues) {
+        redaction.hide(value);
+    }
     redaction.hideCredentials(link_->session().settings().authDatabase.connectionString);
     const Diagnosis& diagnosis = open.result.diagnosis;
     const std::string said = diagnosis.state.empty() && diagnosis.message.empty()

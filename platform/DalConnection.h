@@ -59,7 +59,7 @@ private:
     int fetchRow(OpenStatement& open, const Row& row);
     int timedOut(const char* tag, const char* context) noexcept;
     int settle(int status);
-    void logFailure(const char* tag, const OpenStatement& open, Redaction redaction, const std::string& what) const;
+    void logFailure(const char* tag, const OpenStatement& open, const std::string& what) const;
 
     std::shared_ptr<ConnectionPool> pool_;
     unsigned long generation_;

@@ -1,10 +1,11 @@
 #include "platform/DalDiagnostics.h"
 
+#include "platform/DalConnectionString.h"
+
 #include <sqlext.h>
 
 #include <algorithm>
 #include <array>
-#include <cctype>
 #include <utility>
 
 namespace Tesmor {
@@ -37,61 +38,6 @@ bool readRecord(SQLSMALLINT handleType, SQLHANDLE handle, SQLSMALLINT number, Re
     record.message = reinterpret_cast<const char*>(buffer.data());
     return true;
 }
-
-bool isBlank(char c) {
-    return std::isspace(static_cast<unsigned char>(c)) != 0;
-}
-
-std::string_view trimmed(std::string_view text) {
-    while (!text.empty() && isBlank(text.front())) {
-        text.remove_prefix(1);
-    }
-    while (!text.empty() && isBlank(text.back())) {
-        text.remove_suffix(1);
-    }
-    return text;
-}
-
-/// Splits a connection string into its attributes: KEY=value;KEY={value};...
-class Attributes {
-public:
-    explicit Attributes(std::string_view text) : rest_(text) {}
-
-    bool next(std::string& key, std::string& value) {
-        if (rest_.empty()) {
-            return false;
-        }
-        const std::size_t end = std::min(rest_.find_first_of("=;"), rest_.size());
-        key = std::string(trimmed(rest_.substr(0, end)));
-        std::transform(key.begin(), key.end(), key.begin(),
-                       [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-        const bool hasValue = end < rest_.size() && rest_[end] == '=';
-        rest_.remove_prefix(std::min(end + 1, rest_.size()));
-        value = hasValue ? takeValue() : std::string();
-        return true;
-    }
-
-private:
-    std::string takeValue() {
-        std::size_t end = 0;
-        std::string unquoted;
-        if (!rest_.empty() && rest_.front() == '{') {
-            for (end = 1; end < rest_.size(); ++end) {
-                if (rest_[end] == '}' && rest_.substr(end + 1, 1) != "}") {
-                    break;
-                }
-                unquoted += rest_[end];
-                end += rest_[end] == '}' ? 1 : 0;  // "}}" stands for "}"
-            }
-        }
-        end = std::min(rest_.find(';', end), rest_.size());
-        std::string value = unquoted.empty() ? std::string(rest_.substr(0, end)) : unquoted;
-        rest_.remove_prefix(std::min(end + 1, rest_.size()));
-        return value;
-    }
-
-    std::string_view rest_;
-};
 
 bool isSecret(const std::string& key) {
     static constexpr std::array<std::string_view, 10> KEYS{"pwd",     "password", "uid",   "user",        "username",
@@ -153,7 +99,7 @@ void Redaction::hide(std::string_view secret) {
 
 void Redaction::hideCredentials(const std::string& connectionString) {
     hide(connectionString);
-    Attributes attributes(connectionString);
+    ConnectionAttributes attributes(connectionString);
     std::string key;
     std::string value;
     while (attributes.next(key, value)) {

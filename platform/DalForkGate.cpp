@@ -10,20 +10,21 @@ namespace detail {
 
 namespace {
 
-constexpr long PATIENCE_NS = 50'000'000;
+constexpr std::chrono::milliseconds PATIENCE{250};
 
 pthread_rwlock_t gate = PTHREAD_RWLOCK_WRITER_NONRECURSIVE_INITIALIZER_NP;
 thread_local bool closedHere = false;
 pthread_mutex_t connecting = PTHREAD_MUTEX_INITIALIZER;
 
+timespec timespecOf(std::chrono::steady_clock::time_point time) {
+    const auto sinceBoot = time.time_since_epoch();
+    const auto seconds = std::chrono::floor<std::chrono::seconds>(sinceBoot);
+    return {static_cast<time_t>(seconds.count()),
+            static_cast<long>(std::chrono::nanoseconds(sinceBoot - seconds).count())};
+}
+
 void closeGate() {
-    timespec until{};
-    clock_gettime(CLOCK_MONOTONIC, &until);
-    until.tv_nsec += PATIENCE_NS;
-    if (until.tv_nsec >= 1'000'000'000) {
-        until.tv_nsec -= 1'000'000'000;
-        ++until.tv_sec;
-    }
+    const timespec until = timespecOf(std::chrono::steady_clock::now() + PATIENCE);
     closedHere = pthread_rwlock_clockwrlock(&gate, CLOCK_MONOTONIC, &until) == 0;
 }
 
@@ -53,12 +54,20 @@ DriverCall::~DriverCall() {
     pthread_rwlock_unlock(&gate);
 }
 
-ConnectTurn::ConnectTurn() {
-    pthread_mutex_lock(&connecting);
+ConnectTurn::ConnectTurn(std::chrono::steady_clock::time_point giveUp) {
+    const timespec until = timespecOf(giveUp);
+    taken_ = pthread_mutex_clocklock(&connecting, CLOCK_MONOTONIC, &until) == 0;
+    // A mutex that is free is locked however late it is.
+    if (taken_ && std::chrono::steady_clock::now() >= giveUp) {
+        taken_ = false;
+        pthread_mutex_unlock(&connecting);
+    }
 }
 
 ConnectTurn::~ConnectTurn() {
-    pthread_mutex_unlock(&connecting);
+    if (taken_) {
+        pthread_mutex_unlock(&connecting);
+    }
 }
 
 }  // namespace detail

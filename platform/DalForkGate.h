@@ -1,5 +1,7 @@
 #pragma once
 
+#include <chrono>
+
 namespace Tesmor {
 namespace Dal {
 namespace detail {
@@ -17,15 +19,21 @@ public:
     DriverCall& operator=(const DriverCall&) = delete;
 };
 
-/// One thread of the process connects at a time: the PostgreSQL driver changes the process's locale meanwhile, and of
-/// two at once one reads what the other has freed. Who waits behind a server that does not answer is held up by no more
-/// than its own time limit.
+/// One thread of the process connects to a server at a time: the PostgreSQL driver changes the process's locale
+/// meanwhile, and of two at once one reads what the other has freed.
 class ConnectTurn {
 public:
-    ConnectTurn();
+    /// Waits for the turn, and takes it unless it comes too late.
+    explicit ConnectTurn(std::chrono::steady_clock::time_point giveUp);
     ConnectTurn(const ConnectTurn&) = delete;
     ConnectTurn& operator=(const ConnectTurn&) = delete;
     ~ConnectTurn();
+
+    /// Whether the turn was taken.
+    explicit operator bool() const { return taken_; }
+
+private:
+    bool taken_;
 };
 
 }  // namespace detail

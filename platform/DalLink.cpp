@@ -22,7 +22,10 @@ std::string problemOf(const Session& session) {
         problem = "statement " + std::to_string(session.failedOnConnect()) + " of \"authDatabase.onConnect\": ";
         redaction.hide(session.settings().authDatabase.onConnect[session.failedOnConnect() - 1]);
     }
-    return problem + result.diagnosis.state + " " + redaction.applyTo(result.diagnosis.message);
+    if (!result.diagnosis.state.empty()) {
+        problem += result.diagnosis.state + " ";
+    }
+    return problem + redaction.applyTo(result.diagnosis.message);
 }
 
 }  // namespace
@@ -30,8 +33,10 @@ std::string problemOf(const Session& session) {
 Link::Attempt Link::open(std::shared_ptr<EnvironmentHandle> environment,
                          std::shared_ptr<const platform_detail::Settings> settings, Session::Limits limits) {
     Attempt attempt;
-    const auto session = std::make_shared<Session>(std::move(environment), std::move(settings), limits);
-    std::unique_ptr<Worker> worker = Worker::start(session);
+    std::unique_ptr<Worker> worker;
+    // Let go of before the worker is, whose it is then to close.
+    auto session = std::make_shared<Session>(std::move(environment), std::move(settings), limits);
+    worker = Worker::start(session);
     if (worker == nullptr) {
         attempt.status = platform_status::DATABASE_UNREACHABLE;
         attempt.problem = "no thread can be started";
@@ -51,7 +56,7 @@ Link::Attempt Link::open(std::shared_ptr<EnvironmentHandle> environment,
     if (session->isInProcess()) {
         worker.reset();
     }
-    attempt.link.reset(new Link(session, std::move(worker)));
+    attempt.link.reset(new Link(std::move(session), std::move(worker)));
     return attempt;
 }
 

@@ -26,8 +26,13 @@ const char* const CONNECT = "DbConnectionManager::connect";
 const char* const CLOSE = "DbConnectionManager::close";
 
 std::shared_ptr<EnvironmentHandle> makeEnvironment() {
+    // The last who needs it frees it, which is a call of the driver manager's, too.
+    std::shared_ptr<EnvironmentHandle> environment(new EnvironmentHandle, [](EnvironmentHandle* handle) {
+        const DriverCall call;
+        delete handle;
+    });
     const DriverCall call;
-    auto environment = std::make_shared<EnvironmentHandle>(SQLHANDLE{SQL_NULL_HANDLE});
+    *environment = EnvironmentHandle(SQLHANDLE{SQL_NULL_HANDLE});
     // NOLINTNEXTLINE(performance-no-int-to-ptr): how numbers are passed
     SQLSetEnvAttr(environment->get(), SQL_ATTR_ODBC_VERSION, reinterpret_cast<SQLPOINTER>(SQL_OV_ODBC3), 0);
     return environment;

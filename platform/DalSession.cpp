@@ -1,5 +1,6 @@
 #include "platform/DalSession.h"
 
+#include "platform/DalConnectionString.h"
 #include "platform/DalForkGate.h"
 
 #include <platform/Status.h>
@@ -19,6 +20,9 @@ namespace Dal {
 namespace detail {
 
 namespace {
+
+// For which an attempt to connect without a limit of its own waits for those of others.
+constexpr unsigned LONGEST_WAIT_SECONDS = 60;
 
 constexpr long SQLITE_BUSY_CODE = 5;
 constexpr long SQLITE_LOCKED_CODE = 6;
@@ -94,6 +98,14 @@ int readInteger(SQLHANDLE handle, SQLUSMALLINT number, char* target) {
     return 0;
 }
 
+/// Whether an attempt to connect that failed after this time has used up its own: drivers name no SQLSTATE for that,
+/// and count whole seconds.
+///
+/// @param seconds that the driver was told; 0 is no limit.
+bool timeIsUp(std::chrono::steady_clock::duration taken, unsigned seconds) {
+    return seconds > 0 && taken >= std::chrono::seconds(std::max(seconds, 2U) - 1);
+}
+
 int readColumn(SQLHANDLE handle, SQLUSMALLINT number, const Binding& column, char* row) {
     if (kindOf(column) == DalOdbcView::KIND_INT32) {
         return readInteger(handle, number, row + column.offset);
@@ -131,30 +143,49 @@ void Session::connectHandle() {
         connectResult_ = failure(SQL_HANDLE_ENV, environment_->get(), platform_status::DATABASE_UNREACHABLE);
         return;
     }
-    if (limits_.loginSeconds > 0) {
-        SQLSetConnectAttr(handle_.get(), SQL_ATTR_LOGIN_TIMEOUT, asPointer(limits_.loginSeconds), SQL_IS_UINTEGER);
+    const std::string& connectionString = settings_->authDatabase.connectionString;
+    if (namesSqlite(connectionString)) {
+        connectWith(connectionString, limits_.loginSeconds);
+    } else {
+        connectInTurn(connectionString);
     }
-    const auto begin = std::chrono::steady_clock::now();
-    connectWith(settings_->authDatabase.connectionString);
     if (connected_ && isSqlite()) {
         inProcess_ = true;
         // Its driver takes no other limit for how long it waits for locks than one in the connection string, and waits
         // for minutes without. The first of two counts.
         SQLDisconnect(handle_.get());
-        connectWith("Timeout=" + std::to_string(lockTimeoutMs()) + ";" + settings_->authDatabase.connectionString);
-    }
-    if (!connected_ && timeIsUp(std::chrono::steady_clock::now() - begin)) {
-        connectResult_.status = platform_status::DATABASE_TIMED_OUT;
+        connectWith("Timeout=" + std::to_string(lockTimeoutMs()) + ";" + connectionString, limits_.loginSeconds);
     }
 }
 
-void Session::connectWith(const std::string& connectionString) {
-    const ConnectTurn turn;
+/// Connects to a server, in what is left of the time when others have done so.
+void Session::connectInTurn(const std::string& connectionString) {
+    const bool isLimited = limits_.loginSeconds > 0;
+    const unsigned seconds = isLimited ? limits_.loginSeconds : LONGEST_WAIT_SECONDS;
+    const auto giveUp = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+    const ConnectTurn turn(giveUp);
+    if (!turn) {
+        connectResult_.status = platform_status::DATABASE_TIMED_OUT;
+        connectResult_.diagnosis.message =
+            "other attempts to connect did not end within " + std::to_string(seconds) + " seconds";
+        return;
+    }
+    const auto rest = std::chrono::ceil<std::chrono::seconds>(giveUp - std::chrono::steady_clock::now());
+    connectWith(connectionString, isLimited ? static_cast<unsigned>(std::max<long>(rest.count(), 1)) : 0);
+}
+
+/// @param seconds for the driver; 0 is no limit.
+void Session::connectWith(const std::string& connectionString, unsigned seconds) {
+    if (seconds > 0) {
+        SQLSetConnectAttr(handle_.get(), SQL_ATTR_LOGIN_TIMEOUT, asPointer(seconds), SQL_IS_UINTEGER);
+    }
+    const auto begin = std::chrono::steady_clock::now();
     connected_ = succeeded(SQLDriverConnect(handle_.get(), nullptr, textOf(connectionString.c_str()), SQL_NTS, nullptr,
                                             0, nullptr, SQL_DRIVER_NOPROMPT));
     if (!connected_) {
+        const bool isLate = timeIsUp(std::chrono::steady_clock::now() - begin, seconds);
         connectResult_ = failure(SQL_HANDLE_DBC, handle_.get(), platform_status::DATABASE_UNREACHABLE);
-        connectResult_.status = platform_status::DATABASE_UNREACHABLE;
+        connectResult_.status = isLate ? platform_status::DATABASE_TIMED_OUT : platform_status::DATABASE_UNREACHABLE;
     }
 }
 
@@ -168,12 +199,6 @@ unsigned Session::lockTimeoutMs() const {
     constexpr unsigned MOST_SECONDS = INT_MAX / 1000;
     const unsigned seconds = limits_.statementSeconds > 0 ? limits_.statementSeconds : MOST_SECONDS;
     return std::min(seconds, MOST_SECONDS) * 1000;
-}
-
-/// Whether an attempt to connect that failed after this time has used up its own: drivers name no SQLSTATE for that,
-/// and count whole seconds.
-bool Session::timeIsUp(std::chrono::steady_clock::duration taken) const {
-    return limits_.loginSeconds > 1 && taken >= std::chrono::seconds(limits_.loginSeconds - 1);
 }
 
 /// @return whether the connection is ready for use.

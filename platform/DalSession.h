@@ -6,7 +6,6 @@
 
 #include <platform/Dal.h>
 
-#include <chrono>
 #include <deque>
 #include <memory>
 #include <string>
@@ -55,10 +54,11 @@ struct OpenStatement {
     Result result;
     std::string context;  // names the caller in the log
 
-    // What the pointers refer to where the caller's own does not live long enough.
+    // What is executed. A driver quotes the values also in what it says when rows are fetched.
     std::string ownSql;
     std::deque<std::string> ownValues;
     std::vector<Binding> ownParameters;
+    // What the pointers refer to where the caller's own does not live long enough.
     std::vector<Binding> ownColumns;
     std::vector<char> ownRow;
 };
@@ -98,10 +98,10 @@ public:
 
 private:
     void connectHandle();
-    void connectWith(const std::string& connectionString);
+    void connectInTurn(const std::string& connectionString);
+    void connectWith(const std::string& connectionString, unsigned seconds);
     bool isSqlite() const;
     unsigned lockTimeoutMs() const;
-    bool timeIsUp(std::chrono::steady_clock::duration taken) const;
     bool setUp();
     bool executeSetUp(const std::string& sql);
     bool prepareHandle(OpenStatement& statement);

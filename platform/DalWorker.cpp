@@ -60,7 +60,7 @@ Worker::~Worker() {
     shared_->ending = true;
     shared_->wake.notify_one();
     const bool ended =
-        !abandoned_ && Deadline::after(patience_).await(shared_->progress, lock, [&] { return shared_->ended; });
+        !abandoned_ && Deadline::after(PATIENCE).await(shared_->progress, lock, [&] { return shared_->ended; });
     lock.unlock();
     if (ended) {
         thread_.join();

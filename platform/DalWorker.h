@@ -67,9 +67,6 @@ public:
     /// object is good for nothing any more. What `work` refers to has to be kept by the thread.
     bool run(std::function<void()> work, const Deadline& deadline);
 
-    /// How long the destructor waits for the thread to let go of what it keeps.
-    void setPatience(std::chrono::seconds patience) { patience_ = patience; }
-
 private:
     struct Shared {
         std::mutex mutex;
@@ -83,12 +80,14 @@ private:
         std::shared_ptr<void> kept;
     };
 
+    /// How long the destructor waits for the thread to let go of what it keeps.
+    static constexpr std::chrono::seconds PATIENCE{5};
+
     explicit Worker(std::shared_ptr<Shared> shared) : shared_(std::move(shared)) {}
     static void loop(const std::shared_ptr<Shared>& shared);
 
     std::shared_ptr<Shared> shared_;
     std::thread thread_;
-    std::chrono::seconds patience_{5};
     bool abandoned_ = false;
 };
 

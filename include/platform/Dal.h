@@ -111,7 +111,8 @@ public:
 
     /// Prepares and executes a statement, in a transaction of its own.
     ///
-    /// A connection that turns out to be lost is replaced, and a SELECT is executed once more on the new one.
+    /// A connection that turns out to be lost is replaced, and a SELECT is executed once more on the new one: one that
+    /// is a single statement and has no INTO. Its functions are taken for such as change nothing.
     ///
     /// @param view where the rows are fetched from afterwards; rows that it still held are dropped.
     /// @param sql SQL text with a question mark for each parameter.

@@ -71,10 +71,13 @@ TEST_P(DalConcurrencyTest, SettingsMayChangeWhileThreadsQuery) {
     }
     const std::string before = testing_support::readFile(settings.path());
     for (int n = 0; n < 20; ++n) {
+        const std::string name = std::to_string(n);
         std::string changed = before;
-        changed.replace(changed.find("[]"), 2, "[\"SELECT " + std::to_string(n) + "\"]");
+        std::string onConnect = "\"CREATE TEMPORARY TABLE Mine AS SELECT '";
+        onConnect.append(name).append("' AS Name, 1 AS Number\"");
+        changed.insert(changed.find("[]") + 1, onConnect);
         settings.replace(changed);
-        query(0);
+        EXPECT_THAT(Client(*manager).select("SELECT Name, Number FROM Mine"), ElementsAre(name));
     }
     isDone = true;
     for (std::thread& thread : threads) {

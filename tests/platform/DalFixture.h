@@ -119,9 +119,12 @@ public:
     /// The first column of all rows of a result with two.
     std::vector<std::string> select(const std::string& sql, const std::vector<std::string>& values = {}) {
         std::vector<std::string> texts;
-        EXPECT_EQ(execute(sql, values), 0);
+        int status = execute(sql, values);
+        EXPECT_EQ(status, 0);
+        if (status != 0) {
+            return texts;
+        }
         TwoColumns row;
-        int status = 0;
         while ((status = fetch(row)) == 0) {
             texts.push_back(row.text());
         }

@@ -18,7 +18,9 @@ using std::chrono::milliseconds;
 using std::chrono::seconds;
 using std::chrono::steady_clock;
 using testing::ElementsAre;
+using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::Not;
 using testing::SizeIs;
 using testing_support::ChildProcess;
 using testing_support::LogCapture;
@@ -360,19 +362,26 @@ TEST_P(DalTest, FetchingFromAStatementWithoutResultIsMisuse) {
     insert(client, "a");
     TwoColumns row;
     EXPECT_EQ(client.fetch(row), DATABASE_MISUSED);
+    EXPECT_THAT(log.linesAt(16), ElementsAre(LogLine{16, "DbConnection::Fetch",
+                                                     "Test::caller: 2 columns are described, the result has 0"}));
 }
+
+const LogLine NOTHING_EXECUTED{16, "DbConnection::Fetch", "no statement was executed"};
 
 TEST_P(DalTest, FetchingBeforeAnythingIsExecutedIsMisuse) {
     Client client(*manager);
     TwoColumns row;
     EXPECT_EQ(client.fetch(row), DATABASE_MISUSED);
+    EXPECT_THAT(log.linesAt(16), ElementsAre(NOTHING_EXECUTED));
 }
 
 TEST_P(DalTest, FetchingAfterAFailedStatementIsMisuse) {
     Client client(*manager);
     ASSERT_EQ(client.execute("SELECT Name, Number FROM Nowhere"), DATABASE_STATEMENT_FAILED);
     TwoColumns row;
+    log.clear();
     EXPECT_EQ(client.fetch(row), DATABASE_MISUSED);
+    EXPECT_THAT(log.linesAt(16), ElementsAre(NOTHING_EXECUTED));
 }
 
 TEST_P(DalTest, AColumnThatIsNotWithinTheRowIsMisuse) {
@@ -395,6 +404,11 @@ TEST_P(DalTest, AColumnThatIsNotWithinTheRowIsMisuse) {
     EXPECT_EQ(statusWith(1, size - 4, 4), 0);
     EXPECT_EQ(statusWith(1, size - 3, 4), DATABASE_MISUSED);
     EXPECT_EQ(statusWith(1, 0, 3), DATABASE_MISUSED);
+    const auto misuse = [](const std::string& column) {
+        return LogLine{16, "DbConnection::Fetch", "column " + column + " is of an unknown kind or not within the row"};
+    };
+    EXPECT_THAT(log.linesAt(16),
+                ElementsAre(misuse("1"), misuse("1"), misuse("1"), misuse("1"), misuse("2"), misuse("2")));
 }
 
 TEST_P(DalTest, AnUnknownKindIsMisuse) {
@@ -407,6 +421,9 @@ TEST_P(DalTest, AnUnknownKindIsMisuse) {
     binder.bindInputString("x", -3, false);
     binder.get()->kind = DalOdbcView::KIND_INT32 << 16;
     EXPECT_EQ(client.execute("SELECT ?, 1", binder), DATABASE_MISUSED);
+    EXPECT_THAT(log.linesAt(16),
+                ElementsAre(LogLine{16, "DbConnection::Fetch", "column 1 is of an unknown kind or not within the row"},
+                            LogLine{16, "DbConnection::Execute", "a parameter is of an unknown kind"}));
 }
 
 TEST_P(DalTest, NullPointersAreMisuse) {
@@ -426,6 +443,11 @@ TEST_P(DalTest, NullPointersAreMisuse) {
     EXPECT_EQ(SSRGuard(nullptr).connection(), nullptr);
     EXPECT_EQ(DbConnectionView(nullptr).status(), DATABASE_MISUSED);
     EXPECT_EQ(DbConnectionView(nullptr).view(), nullptr);
+    const auto misuse = [](const char* tag) { return LogLine{16, tag, "a null pointer is passed"}; };
+    EXPECT_THAT(log.linesAt(16), ElementsAre(misuse("DbConnection::Execute"), misuse("DbConnection::Execute"),
+                                             misuse("DbConnection::Fetch"), misuse("DbConnection::Fetch"),
+                                             misuse("DbConnection::Fetch"), misuse("SSRGuard"), misuse("SSRGuard"),
+                                             misuse("DbConnectionView"), misuse("DbConnectionView")));
 }
 
 TEST_P(DalTest, AConnectionIsUsedAgain) {
@@ -545,7 +567,11 @@ TEST_P(DalTest, ADriverThatIsNotThereIsUnreachable) {
     manager = makeManager(numbers);
     EXPECT_EQ(Client(*manager).status(), DATABASE_UNREACHABLE);
     EXPECT_FALSE(manager->connectionEstablished());
-    EXPECT_THAT(log.linesAt(16), SizeIs(3));
+    const std::vector<LogLine> errors = log.linesAt(16);
+    EXPECT_THAT(errors, SizeIs(3));
+    for (const LogLine& line : errors) {
+        EXPECT_THAT(line.message, Not(HasSubstr("some-secret")));
+    }
     EXPECT_THAT(log.linesAt(8),
                 ElementsAre(LogLine{8, "DbConnectionManager::connect", "trying again in 0 seconds, 2 more times"},
                             LogLine{8, "DbConnectionManager::connect", "trying again in 0 seconds, 1 more times"}));
@@ -630,12 +656,20 @@ TEST_P(DalTest, AGuardOfTheParentsIsOfNoUseToAChild) {
     auto client = std::make_unique<Client>(*manager);
     insert(*client, "name");
     ChildProcess child([&] {
+        log.clear();
         if (client->execute(ALL) != DATABASE_CONNECTION_LOST) {
             return 1;
         }
         TwoColumns row;
         if (client->fetch(row) != DATABASE_CONNECTION_LOST) {
             return 2;
+        }
+        const LogLine notExecuted{16, "DbConnection::Execute",
+                                  "Test::caller: the connection belongs to the parent process"};
+        const LogLine notFetched{16, "DbConnection::Fetch",
+                                 "the connection on which the statement was executed is gone"};
+        if (log.linesAt(16) != std::vector<LogLine>{notExecuted, notFetched}) {
+            return 3;
         }
         client.reset();
         return Client(*manager).status();

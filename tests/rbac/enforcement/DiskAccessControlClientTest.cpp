@@ -268,7 +268,6 @@ TEST_F(DiskAccessControlClientTest, CheckersOfOneClientShareTheCache) {
 }
 
 TEST_F(DiskAccessControlClientTest, ScopeIsNotConsulted) {
-    const DiskAccessControlClient elsewhere(ObjectNamespace("SOMEWHERE", "ELSE"), cache_, operations_);
     client_ = std::make_unique<DiskAccessControlClient>(ObjectNamespace("SOMEWHERE", "ELSE"), cache_, operations_);
     EXPECT_TRUE(made({ROLE})->checkAccess(OBJECT));
 }
