@@ -14,6 +14,7 @@ namespace {
 constexpr std::size_t FIRST_SLOTS = 16;
 constexpr std::size_t TEXT_BLOCK_SIZE = std::size_t{1} << 20;
 constexpr std::size_t TOLERATED_UNUSED_LISTS = 1000;
+constexpr std::size_t TOLERATED_DELETED_OBJECTS = 1000;
 
 std::tuple<std::int32_t, std::int32_t, GrantScope> asTuple(const Grant& grant) {
     return {grant.roleId, grant.operationBit, grant.scope};
@@ -22,6 +23,11 @@ std::tuple<std::int32_t, std::int32_t, GrantScope> asTuple(const Grant& grant) {
 std::uint32_t hashOf(const Grant* first, std::size_t count) {
     static_assert(sizeof(Grant) == 12, "hashed byte by byte, so there is no padding");
     return detail::HashIndex::hash({reinterpret_cast<const char*>(first), count * sizeof(Grant)});
+}
+
+/// How many that makes.
+std::size_t isDeleted(ObjectState state) {
+    return state == ObjectState::DELETED ? 1 : 0;
 }
 
 /// The grants as a set.
@@ -116,6 +122,9 @@ void AccessModel::add(const ModelObject& object) {
     if (unusedLists_ > TOLERATED_UNUSED_LISTS + lists_.size() / 2) {
         dropUnusedLists();
     }
+    if (deletedObjects_ > TOLERATED_DELETED_OBJECTS + objects_.size() / 2) {
+        dropDeletedObjects();
+    }
     const std::uint32_t list = intern(inOrder(object));
     const std::string& text = object.name.str();
     const std::uint32_t hash = detail::HashIndex::hash(text);
@@ -123,6 +132,8 @@ void AccessModel::add(const ModelObject& object) {
     if (known != detail::HashIndex::NONE) {
         StoredObject& stored = objects_[known];
         const std::uint32_t before = stored.grantList;
+        deletedObjects_ -= isDeleted(stored.state);
+        deletedObjects_ += isDeleted(object.state);
         stored.grantList = list;
         stored.state = object.state;
         stored.inherit = object.inherit;
@@ -133,18 +144,8 @@ void AccessModel::add(const ModelObject& object) {
     objectIndex_.reserveOne();
     objects_.push_back({texts_.add(text), list, object.state, object.inherit});
     objectIndex_.add(hash, static_cast<std::uint32_t>(objects_.size() - 1));
+    deletedObjects_ += isDeleted(object.state);
     use(list);
-}
-
-boost::optional<ModelObject> AccessModel::find(const ObjectNamespace& name) const {
-    const std::string& text = name.str();
-    const std::uint32_t index = indexOf(detail::HashIndex::hash(text), text);
-    if (index == detail::HashIndex::NONE) {
-        return boost::none;
-    }
-    const StoredObject& stored = objects_[index];
-    const GrantList list = grants(stored.grantList);
-    return ModelObject{name, stored.inherit, stored.state, {list.begin(), list.end()}};
 }
 
 AccessModel::Entry AccessModel::entry(std::size_t index) const {
@@ -215,6 +216,27 @@ void AccessModel::dropUnusedLists() {
     lists_.swap(kept.lists_);
     std::swap(listIndex_, kept.listIndex_);
     unusedLists_ = kept.unusedLists_;
+}
+
+void AccessModel::dropDeletedObjects() {
+    AccessModel kept(scope);
+    for (const StoredObject& object : objects_) {
+        if (object.state != ObjectState::DELETED) {
+            const std::string_view text = texts_.at(object.name);
+            kept.objectIndex_.add(detail::HashIndex::hash(text), static_cast<std::uint32_t>(kept.objects_.size()));
+            kept.objects_.push_back(object);
+            kept.objects_.back().name = kept.texts_.add(text);
+        }
+    }
+    for (const StoredObject& object : objects_) {
+        if (object.state == ObjectState::DELETED) {
+            release(object.grantList);
+        }
+    }
+    std::swap(texts_, kept.texts_);
+    objects_.swap(kept.objects_);
+    std::swap(objectIndex_, kept.objectIndex_);
+    deletedObjects_ = 0;
 }
 
 }  // namespace Tesmor::Arkwell::Sandbox

@@ -2,8 +2,6 @@
 
 #include <rbac/ObjectNamespace.h>
 
-#include <boost/optional.hpp>
-
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -144,10 +142,7 @@ public:
     /// std::bad_alloc.
     void add(const ModelObject& object);
 
-    /// The object of that name, to be changed and added again; none where there is none.
-    boost::optional<ModelObject> find(const ObjectNamespace& name) const;
-
-    /// How many objects were added, in whatever state they are.
+    /// How many objects were added. Those that are DELETED count as well, until there are too many of them.
     std::size_t objectCount() const { return objects_.size(); }
 
     /// Object number `index`, in the order in which the names were first added.
@@ -177,6 +172,7 @@ private:
     void use(std::uint32_t list);
     void release(std::uint32_t list);
     void dropUnusedLists();
+    void dropDeletedObjects();
 
     detail::TextArena texts_;
     std::vector<StoredObject> objects_;
@@ -185,6 +181,7 @@ private:
     std::vector<StoredList> lists_;
     detail::HashIndex listIndex_;
     std::size_t unusedLists_ = 1;  // the empty one, at first
+    std::size_t deletedObjects_ = 0;
 };
 
 }  // namespace Sandbox

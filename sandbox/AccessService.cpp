@@ -1,5 +1,6 @@
 #include "sandbox/AccessService.h"
 
+#include "sandbox/LogLevels.h"
 #include "sandbox/ServiceError.h"
 
 #include <platform/Logger.h>
@@ -10,7 +11,6 @@ namespace Tesmor::Arkwell::Sandbox {
 
 namespace {
 
-constexpr int LEVEL_ERROR = 16;
 constexpr std::size_t MOST_IDLE_READERS = 8;
 
 /// Sees one state of the database while it lives.
@@ -47,9 +47,10 @@ PublishedChange StateChange::published() const {
 
 AccessService::AccessService(std::string stateFile, const std::string& publicationFolder)
     : stateFile_(std::move(stateFile)),
+      database_(stateFile_),
       publisher_(publicationFolder, {[this] { return ObjectTable(*borrowReader()).model(); },
-                                     [this] { return OperationTable(*borrowReader()).bitNumbers(); }}),
-      database_(stateFile_) {
+                                     [this] { return OperationTable(*borrowReader()).bitNumbers(); }}) {
+    readers_.reserve(MOST_IDLE_READERS);
     createServiceTables(database_);
     std::list<PublishedChange> everything(1);
     publisher_.await(publisher_.note(everything));
@@ -79,27 +80,29 @@ void AccessService::change(const std::function<void(StateChange&)>& make) {
 }
 
 void AccessService::read(const std::function<void(const ServiceTables&)>& look) {
-    std::unique_ptr<SqliteDatabase> reader = borrowReader();
-    {
-        const Snapshot snapshot(*reader);
-        look(ServiceTables(*reader));
-    }
-    const std::lock_guard<std::mutex> lock(lending_);
-    if (readers_.size() < MOST_IDLE_READERS) {
-        readers_.push_back(std::move(reader));
+    const Loan reader = borrowReader();
+    const Snapshot snapshot(*reader);
+    look(ServiceTables(*reader));
+}
+
+void AccessService::GiveBack::operator()(SqliteDatabase* reader) const {
+    std::unique_ptr<SqliteDatabase> returned(reader);
+    const std::lock_guard<std::mutex> lock(owner->lending_);
+    if (owner->readers_.size() < owner->readers_.capacity()) {
+        owner->readers_.push_back(std::move(returned));
     }
 }
 
-std::unique_ptr<SqliteDatabase> AccessService::borrowReader() {
+AccessService::Loan AccessService::borrowReader() {
     {
         const std::lock_guard<std::mutex> lock(lending_);
         if (!readers_.empty()) {
-            std::unique_ptr<SqliteDatabase> reader = std::move(readers_.back());
+            SqliteDatabase* const reader = readers_.back().release();
             readers_.pop_back();
-            return reader;
+            return Loan(reader, GiveBack{this});
         }
     }
-    return std::make_unique<SqliteDatabase>(stateFile_);
+    return Loan(std::make_unique<SqliteDatabase>(stateFile_).release(), GiveBack{this});
 }
 
 }  // namespace Tesmor::Arkwell::Sandbox

@@ -19,7 +19,7 @@ namespace Sandbox {
 /// A change of the state that is being made: it works on the tables and says what it touches.
 class StateChange {
 public:
-    explicit StateChange(SqliteDatabase& changedDatabase) : database(changedDatabase), tables(changedDatabase) {}
+    explicit StateChange(SqliteDatabase& database) : tables(database) {}
 
     /// What is known of this object, its access definitions included, has changed.
     void touch(const std::string& objectName) { touched_.insert(objectName); }
@@ -32,7 +32,6 @@ public:
     /// What it means for what is published.
     PublishedChange published() const;
 
-    SqliteDatabase& database;
     ServiceTables tables;
 
 private:
@@ -56,20 +55,27 @@ public:
     /// @throws what `make` throws; ServiceError of the kind NOT_PUBLISHED.
     void change(const std::function<void(StateChange&)>& make);
 
-    /// Looks at the state, as it was when the call began, beside changes and other readers.
+    /// Looks at one state, beside changes and other readers: the one that there is when `look` first asks for
+    /// something.
     void read(const std::function<void(const ServiceTables&)>& look);
 
 private:
-    std::unique_ptr<SqliteDatabase> borrowReader();
+    struct GiveBack {
+        AccessService* owner;
+        void operator()(SqliteDatabase* reader) const;
+    };
+    using Loan = std::unique_ptr<SqliteDatabase, GiveBack>;
+    Loan borrowReader();
 
     const std::string stateFile_;
-    Publisher publisher_;
 
     std::mutex changing_;
     SqliteDatabase database_;
 
     std::mutex lending_;
-    std::vector<std::unique_ptr<SqliteDatabase>> readers_;
+    std::vector<std::unique_ptr<SqliteDatabase>> readers_;  // never more than there is room for
+
+    Publisher publisher_;  // the last one: its thread uses the others
 };
 
 }  // namespace Sandbox

@@ -1,12 +1,10 @@
 #include "sandbox/AdminCommands.h"
 
-#include "platform/UtcTime.h"
 #include "sandbox/DefinitionRules.h"
 #include "sandbox/Json.h"
 #include "sandbox/ServiceError.h"
 #include "sandbox/StateImport.h"
 
-#include <chrono>
 #include <map>
 #include <new>
 #include <stdexcept>
@@ -61,27 +59,21 @@ std::string settle(const Surroundings& surroundings, const DocumentValue& comman
         command.member("state").refuse("must be READY or DELETED");
     }
     surroundings.service.change([&](StateChange& change) {
-        ObjectRecord object = requireObject(change.tables, name);
+        const ObjectRecord object = requireObject(change.tables, name);
         if (object.state != ObjectState::PENDING) {
             throw std::invalid_argument(name + " is " + stateText(object.state) + ", not PENDING");
         }
-        object.state = *state;
-        object.changedAt = platform_detail::utcText(std::chrono::system_clock::now());
-        object.changedBy = command.member("user").text();
-        if (*state == ObjectState::DELETED) {
-            change.tables.objects.remove(name);
-        } else {
-            change.tables.objects.setState(object);
-        }
-        change.touch(name);
+        setState(change, object, *state, command.member("user").text());
     });
     return name + " is " + stateText(*state) + "\n";
 }
 
 std::string setFaults(const Surroundings& surroundings, const DocumentValue& command) {
+    std::vector<std::string> faults;
     for (const DocumentValue& fault : command.member("faults").elements()) {
-        surroundings.faults.set(fault.text());
+        faults.push_back(fault.text());
     }
+    surroundings.faults.set(faults);
     return {};
 }
 

@@ -1,5 +1,9 @@
 #include "sandbox/AdminSocket.h"
 
+#include "sandbox/LogLevels.h"
+
+#include <platform/Logger.h>
+
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -9,6 +13,8 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
+#include <cstring>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
@@ -21,6 +27,9 @@ using platform_detail::Descriptor;
 
 constexpr char SOCKET_NAME[] = "admin.sock";
 constexpr int BACKLOG = 16;
+constexpr char TAG[] = "AdminSocket";
+constexpr timeval PATIENCE{5, 0};
+constexpr std::chrono::milliseconds PAUSE{100};
 
 [[noreturn]] void fail(const std::string& action, const std::string& folder) {
     throw std::system_error(errno, std::generic_category(), "cannot " + action + " in " + folder);
@@ -66,14 +75,21 @@ Descriptor listeningSocket(const std::string& folder) {
     return made;
 }
 
-/// All that the other side sends until it stops sending.
-std::string receive(const Descriptor& socket) {
+/// All that the other side sends until it stops sending; none, with errno set, where it does not get there.
+boost::optional<std::string> receive(const Descriptor& socket) {
     std::string text;
     std::array<char, 4096> chunk{};
-    for (ssize_t count = 0; (count = recv(socket.get(), chunk.data(), chunk.size(), 0)) > 0;) {
-        text.append(chunk.data(), static_cast<std::size_t>(count));
+    for (;;) {
+        const ssize_t count = recv(socket.get(), chunk.data(), chunk.size(), 0);
+        if (count == 0) {
+            return text;
+        }
+        if (count > 0) {
+            text.append(chunk.data(), static_cast<std::size_t>(count));
+        } else if (errno != EINTR) {
+            return boost::none;
+        }
     }
-    return text;
 }
 
 void send(const Descriptor& socket, const std::string& text) {
@@ -96,19 +112,37 @@ AdminSocket::AdminSocket(std::string folder, std::function<std::string(const std
       thread_([this] { serve(); }) {}
 
 AdminSocket::~AdminSocket() {
+    isEnding_ = true;
     shutdown(socket_.get(), SHUT_RDWR);
     thread_.join();
     unlink((folder_ + "/" + SOCKET_NAME).c_str());
 }
 
 void AdminSocket::serve() const {
-    for (;;) {
+    bool isFailing = false;
+    while (!isEnding_) {
         const Descriptor connection(accept4(socket_.get(), nullptr, nullptr, SOCK_CLOEXEC));
         if (connection.isOpen()) {
-            send(connection, answer_(receive(connection)));
-        } else if (errno != ECONNABORTED && errno != EINTR) {
-            return;
+            isFailing = false;
+            converse(connection);
+        } else if (!isEnding_ && errno != ECONNABORTED && errno != EINTR) {
+            if (!isFailing) {
+                logmsgf(LEVEL_ERROR, TAG, "Cannot take commands: %s", std::strerror(errno));
+            }
+            isFailing = true;
+            std::this_thread::sleep_for(PAUSE);
         }
+    }
+}
+
+void AdminSocket::converse(const Descriptor& connection) const {
+    // A client that stops in the middle keeps others waiting, and the end of the service.
+    setsockopt(connection.get(), SOL_SOCKET, SO_RCVTIMEO, &PATIENCE, sizeof PATIENCE);
+    setsockopt(connection.get(), SOL_SOCKET, SO_SNDTIMEO, &PATIENCE, sizeof PATIENCE);
+    if (const boost::optional<std::string> command = receive(connection)) {
+        send(connection, answer_(*command));
+    } else {
+        logmsgf(LEVEL_ERROR, TAG, "A client did not finish its command: %s", std::strerror(errno));
     }
 }
 
@@ -122,8 +156,8 @@ boost::optional<std::string> askService(const std::string& folder, const std::st
         fail("reach the service", folder);
     }
     send(socket, command);
-    std::string answer = receive(socket);
-    if (answer.empty()) {
+    boost::optional<std::string> answer = receive(socket);
+    if (!answer || answer->empty()) {
         throw std::runtime_error("the service ended without an answer; what it was told to do may have been done");
     }
     return answer;

@@ -4,6 +4,7 @@
 
 #include <boost/optional.hpp>
 
+#include <atomic>
 #include <functional>
 #include <string>
 #include <thread>
@@ -21,17 +22,19 @@ public:
     /// @param answer called by one thread at a time; must not throw.
     /// @throws std::system_error
     AdminSocket(std::string folder, std::function<std::string(const std::string&)> answer);
-    /// Waits for the command that is being carried out.
+    /// Waits for the command that is being carried out, or a few seconds for a client that is sending one.
     ~AdminSocket();
     AdminSocket(const AdminSocket&) = delete;
     AdminSocket& operator=(const AdminSocket&) = delete;
 
 private:
     void serve() const;
+    void converse(const platform_detail::Descriptor& connection) const;
 
     std::string folder_;
     std::function<std::string(const std::string&)> answer_;
     platform_detail::Descriptor socket_;
+    std::atomic<bool> isEnding_{false};
     std::thread thread_;
 };
 

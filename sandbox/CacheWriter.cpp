@@ -1,6 +1,7 @@
 #include "sandbox/CacheWriter.h"
 
 #include "platform/Handles.h"
+#include "sandbox/JsonText.h"
 
 #include <platform/FileLock.h>
 
@@ -403,21 +404,6 @@ private:
     std::string path_;
 };
 
-JsonPointer required(json_t* value) {
-    if (value == nullptr) {
-        throw std::bad_alloc();
-    }
-    return JsonPointer(value);
-}
-
-std::string dump(const JsonPointer& document, std::size_t flags) {
-    const std::unique_ptr<char, void (*)(void*)> text(json_dumps(document.get(), flags), std::free);
-    if (!text) {
-        throw std::bad_alloc();
-    }
-    return text.get();
-}
-
 /// The text form, computed in a copy: the caller's value may be in use elsewhere. What JSON cannot express, letters of
 /// another locale than "C", is refused.
 std::string textOf(const ObjectNamespace& ns) {
@@ -430,18 +416,18 @@ std::string textOf(const ObjectNamespace& ns) {
 
 std::string manifestFor(const ObjectNamespace& scope) {
     const std::string text = textOf(scope);
-    return dump(required(json_pack("{s:s}", "namespace", text.c_str())), 0);
+    return json::dump(json::required(json_pack("{s:s}", "namespace", text.c_str())), 0);
 }
 
 std::string operationCacheFor(const std::map<ObjectNamespace, std::int32_t>& operations) {
-    const JsonPointer document = required(json_object());
+    const JsonPointer document = json::required(json_object());
     for (const auto& [operation, bitNumber] : operations) {
         const std::string text = textOf(operation);
         if (json_object_set_new(document.get(), text.c_str(), json_integer(bitNumber)) != 0) {
             throw std::bad_alloc();
         }
     }
-    return dump(document, JSON_INDENT(4)) + "\n";
+    return json::dump(document, JSON_INDENT(4)) + "\n";
 }
 
 }  // namespace

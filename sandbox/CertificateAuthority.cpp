@@ -1,6 +1,6 @@
 #include "sandbox/CertificateAuthority.h"
 
-#include "jwt/OpenSslHandles.h"
+#include "sandbox/OpenSslText.h"
 
 #include <arpa/inet.h>
 #include <openssl/rand.h>
@@ -27,15 +27,9 @@ struct CertificateRelease {
 using CertificatePointer = std::unique_ptr<X509, CertificateRelease>;
 using ExtensionPointer = std::unique_ptr<X509_EXTENSION, CertificateRelease>;
 
-void require(bool succeeded, const char* action) {
-    if (!succeeded) {
-        throw std::runtime_error(std::string("OpenSSL cannot ") + action);
-    }
-}
-
 KeyPointer makeKey() {
     KeyPointer key(EVP_EC_gen("P-256"));
-    require(key != nullptr, "make a key");
+    requireOpenSsl(key != nullptr, "make a key");
     return key;
 }
 
@@ -77,61 +71,52 @@ void addExtension(X509* certificate, X509* issuer, int kind, const std::string& 
     X509V3_set_ctx_nodb(&context);
     X509V3_set_ctx(&context, issuer, certificate, nullptr, nullptr, 0);
     const ExtensionPointer extension(X509V3_EXT_conf_nid(nullptr, &context, kind, value.c_str()));
-    require(extension != nullptr && X509_add_ext(certificate, extension.get(), -1) == 1,
-            "add an extension to a certificate");
+    requireOpenSsl(extension != nullptr && X509_add_ext(certificate, extension.get(), -1) == 1,
+                   "add an extension to a certificate");
 }
 
 void setSerialNumber(X509* certificate) {
     std::array<unsigned char, 8> bytes{};
-    require(RAND_bytes(bytes.data(), static_cast<int>(bytes.size())) == 1, "make a random number");
+    requireOpenSsl(RAND_bytes(bytes.data(), static_cast<int>(bytes.size())) == 1, "make a random number");
     std::uint64_t number = 0;
     for (const unsigned char byte : bytes) {
         number = (number << 8U) | byte;
     }
     // Positive and never 0.
     number = (number >> 1U) | 1U;
-    require(ASN1_INTEGER_set_uint64(X509_get_serialNumber(certificate), number) == 1, "number a certificate");
+    requireOpenSsl(ASN1_INTEGER_set_uint64(X509_get_serialNumber(certificate), number) == 1, "number a certificate");
 }
 
 void setSubject(X509* certificate, const std::string& commonName) {
     const std::string name = commonName.substr(0, LONGEST_COMMON_NAME);
     const auto* const bytes = reinterpret_cast<const unsigned char*>(name.data());
-    require(X509_NAME_add_entry_by_txt(X509_get_subject_name(certificate), "CN", MBSTRING_UTF8, bytes,
-                                       static_cast<int>(name.size()), -1, 0) == 1,
-            "name a certificate");
+    requireOpenSsl(X509_NAME_add_entry_by_txt(X509_get_subject_name(certificate), "CN", MBSTRING_UTF8, bytes,
+                                              static_cast<int>(name.size()), -1, 0) == 1,
+                   "name a certificate");
 }
 
 /// A certificate for the key without extensions, not signed yet.
 CertificatePointer draft(EVP_PKEY* key, const std::string& commonName) {
     CertificatePointer certificate(X509_new());
-    require(certificate != nullptr && X509_set_version(certificate.get(), VERSION_3) == 1, "make a certificate");
+    requireOpenSsl(certificate != nullptr && X509_set_version(certificate.get(), VERSION_3) == 1, "make a certificate");
     setSerialNumber(certificate.get());
     setSubject(certificate.get(), commonName);
-    require(X509_gmtime_adj(X509_getm_notBefore(certificate.get()), -SECONDS_OF_TOLERANCE) != nullptr &&
-                X509_gmtime_adj(X509_getm_notAfter(certificate.get()), SECONDS_OF_VALIDITY) != nullptr &&
-                X509_set_pubkey(certificate.get(), key) == 1,
-            "fill a certificate");
+    requireOpenSsl(X509_gmtime_adj(X509_getm_notBefore(certificate.get()), -SECONDS_OF_TOLERANCE) != nullptr &&
+                       X509_gmtime_adj(X509_getm_notAfter(certificate.get()), SECONDS_OF_VALIDITY) != nullptr &&
+                       X509_set_pubkey(certificate.get(), key) == 1,
+                   "fill a certificate");
     return certificate;
 }
 
 void sign(X509* certificate, X509* issuer, EVP_PKEY* issuersKey) {
-    require(X509_set_issuer_name(certificate, X509_get_subject_name(issuer)) == 1 &&
-                X509_sign(certificate, issuersKey, EVP_sha256()) > 0,
-            "sign a certificate");
-}
-
-/// The text that `write` writes to a BIO.
-template <class Write>
-std::string textOf(const Write& write) {
-    const BioPointer memory(BIO_new(BIO_s_mem()));
-    require(memory != nullptr && write(memory.get()) == 1, "write PEM text");
-    char* text = nullptr;
-    const long length = BIO_get_mem_data(memory.get(), &text);
-    return {text, static_cast<std::size_t>(length)};
+    requireOpenSsl(X509_set_issuer_name(certificate, X509_get_subject_name(issuer)) == 1 &&
+                       X509_sign(certificate, issuersKey, EVP_sha256()) > 0,
+                   "sign a certificate");
 }
 
 CertifiedKey pem(X509* certificate, EVP_PKEY* key) {
-    return {textOf([&](BIO* memory) { return PEM_write_bio_X509(memory, certificate); }), textOf([&](BIO* memory) {
+    return {textOf("write a certificate", [&](BIO* memory) { return PEM_write_bio_X509(memory, certificate); }),
+            textOf("write a key", [&](BIO* memory) {
                 return PEM_write_bio_PKCS8PrivateKey(memory, key, nullptr, nullptr, 0, nullptr, nullptr);
             })};
 }
@@ -149,7 +134,7 @@ CertificateAuthority CertificateAuthority::generate(const std::string& name) {
     KeyPointer key = makeKey();
     CertificatePointer certificate = draft(key.get(), name);
     X509* const own = certificate.get();
-    require(X509_set_issuer_name(own, X509_get_subject_name(own)) == 1, "name a certificate");
+    requireOpenSsl(X509_set_issuer_name(own, X509_get_subject_name(own)) == 1, "name a certificate");
     addExtension(own, own, NID_basic_constraints, "critical,CA:TRUE,pathlen:0");
     addExtension(own, own, NID_key_usage, "critical,keyCertSign,cRLSign");
     addExtension(own, own, NID_subject_key_identifier, "hash");
@@ -162,11 +147,12 @@ CertificateAuthority CertificateAuthority::fromPem(const CertifiedKey& identity)
     const BioPointer certificateText(
         BIO_new_mem_buf(identity.certificate.data(), static_cast<int>(identity.certificate.size())));
     const BioPointer keyText(BIO_new_mem_buf(identity.key.data(), static_cast<int>(identity.key.size())));
-    require(certificateText != nullptr && keyText != nullptr, "read PEM text");
+    requireOpenSsl(certificateText != nullptr && keyText != nullptr, "read PEM text");
     CertificatePointer certificate(PEM_read_bio_X509(certificateText.get(), nullptr, nullptr, nullptr));
     KeyPointer key(PEM_read_bio_PrivateKey(keyText.get(), nullptr, nullptr, nullptr));
-    require(certificate != nullptr && key != nullptr && X509_check_private_key(certificate.get(), key.get()) == 1,
-            "read a certificate with its key");
+    requireOpenSsl(
+        certificate != nullptr && key != nullptr && X509_check_private_key(certificate.get(), key.get()) == 1,
+        "read a certificate with its key");
     return CertificateAuthority(std::make_shared<const Handles>(Handles{std::move(certificate), std::move(key)}));
 }
 

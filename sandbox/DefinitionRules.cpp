@@ -1,6 +1,9 @@
 #include "sandbox/DefinitionRules.h"
 
+#include "platform/UtcTime.h"
 #include "sandbox/ServiceError.h"
+
+#include <chrono>
 
 namespace Tesmor::Arkwell::Sandbox {
 
@@ -10,6 +13,26 @@ ObjectRecord requireObject(const ServiceTables& tables, const std::string& name)
         throw ServiceError(error_kinds::OBJECT_UNKNOWN, name);
     }
     return *object;
+}
+
+void setState(StateChange& change, const ObjectRecord& object, ObjectState state, const std::string& changedBy) {
+    if (object.systemDefined && state != ObjectState::READY) {
+        throw ServiceError(error_kinds::SYSTEM_DEFINED, object.name + " cannot become " + stateText(state));
+    }
+    if (state == ObjectState::DELETED) {
+        change.tables.objects.remove(object.name);
+    } else if (state != object.state) {
+        ObjectRecord changed = object;
+        changed.state = state;
+        changed.changedAt = currentTime();
+        changed.changedBy = changedBy;
+        change.tables.objects.setState(changed);
+    }
+    change.touch(object.name);
+}
+
+std::string currentTime() {
+    return platform_detail::utcText(std::chrono::system_clock::now());
 }
 
 void requireUsable(const ServiceTables& tables, const DefinitionRecord& definition) {

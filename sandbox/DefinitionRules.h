@@ -1,7 +1,10 @@
 #pragma once
 
+#include "sandbox/AccessService.h"
 #include "sandbox/Json.h"
 #include "sandbox/ServiceTables.h"
+
+#include <string>
 
 namespace Tesmor {
 namespace Arkwell {
@@ -11,6 +14,14 @@ namespace Sandbox {
 ///
 /// @throws ServiceError of the kind OBJECT_UNKNOWN.
 ObjectRecord requireObject(const ServiceTables& tables, const std::string& name);
+
+/// Gives an object a state, in the name of who asks for it. DELETED removes it.
+///
+/// @throws ServiceError of the kind SYSTEM_DEFINED.
+void setState(StateChange& change, const ObjectRecord& object, ObjectState state, const std::string& changedBy);
+
+/// Now, as it is written beside a state.
+std::string currentTime();
 
 /// That an access definition can be added to an object: its role and operations are there, and the operations apply to
 /// the object.

@@ -19,6 +19,8 @@ struct KindName {
 // More than the default limit of a client's response.
 constexpr std::uint64_t HUGE_BYTES = std::uint64_t{300} << 20U;
 
+constexpr std::uint64_t EVERY = 0;  // in place of the number of a request
+
 constexpr std::array<KindName, 9> KINDS{{
     {"delay", Fault::Kind::DELAY, true, 1000},
     {"close", Fault::Kind::CLOSE, false, 0},
@@ -45,11 +47,11 @@ std::uint64_t parseNumber(const std::string& number, const std::string& text) {
     return value;
 }
 
-/// Cuts off what follows the last separator; empty where there is none.
-std::string cutTail(std::string& text, char separator) {
+/// Cuts off what follows the last separator, if there is one.
+boost::optional<std::string> cutTail(std::string& text, char separator) {
     const std::size_t position = text.rfind(separator);
     if (position == std::string::npos) {
-        return {};
+        return boost::none;
     }
     std::string tail = text.substr(position + 1);
     text.erase(position);
@@ -58,18 +60,18 @@ std::string cutTail(std::string& text, char separator) {
 
 /// "delay:500"
 Fault parseFault(std::string kind, const std::string& text) {
-    const std::string argument = cutTail(kind, ':');
+    const boost::optional<std::string> argument = cutTail(kind, ':');
     for (const KindName& known : KINDS) {
         if (kind != known.name) {
             continue;
         }
-        if (argument.empty()) {
+        if (!argument) {
             return {known.kind, known.usual};
         }
         if (!known.takesArgument) {
             refuse(text, kind + " takes no argument");
         }
-        const std::uint64_t number = parseNumber(argument, text);
+        const std::uint64_t number = parseNumber(*argument, text);
         if (known.kind == Fault::Kind::WRONG_STATUS && (number < 200 || number > 599)) {
             refuse(text, "the status must be 200 to 599");
         }
@@ -86,7 +88,11 @@ FaultSwitches::Switch FaultSwitches::parse(const std::string& text) {
         refuse(text, "not of the form PATH=KIND");
     }
     std::string kind = text.substr(equals + 1);
-    const std::string nth = cutTail(kind, '@');
+    const boost::optional<std::string> nthText = cutTail(kind, '@');
+    const std::uint64_t nth = nthText ? parseNumber(*nthText, text) : EVERY;
+    if (nthText && nth == EVERY) {
+        refuse(text, "requests are counted from 1");
+    }
     std::string method;
     std::string path = text.substr(0, equals);
     const std::size_t blank = path.find(' ');
@@ -97,13 +103,16 @@ FaultSwitches::Switch FaultSwitches::parse(const std::string& text) {
     if (path.empty() || path.front() != '/') {
         refuse(text, "the path must begin with /");
     }
-    return {text, method, path, parseFault(kind, text), nth.empty() ? 0 : parseNumber(nth, text), 0};
+    return {text, method, path, parseFault(kind, text), nth, 0};
 }
 
-void FaultSwitches::set(const std::string& text) {
-    Switch parsed = parse(text);
+void FaultSwitches::set(const std::vector<std::string>& texts) {
+    std::vector<Switch> parsed;
+    for (const std::string& text : texts) {
+        parsed.push_back(parse(text));
+    }
     const std::lock_guard<std::mutex> lock(mutex_);
-    switches_.push_back(std::move(parsed));
+    switches_.insert(switches_.end(), parsed.begin(), parsed.end());
 }
 
 void FaultSwitches::clear() {
@@ -126,7 +135,7 @@ boost::optional<Fault> FaultSwitches::next(const std::string& method, const std:
     for (Switch& candidate : switches_) {
         const bool concerned = (candidate.method.empty() || candidate.method == method) &&
                                path.compare(0, candidate.path.size(), candidate.path) == 0;
-        if (concerned && (++candidate.seen == candidate.nth || candidate.nth == 0) && !found) {
+        if (concerned && (++candidate.seen == candidate.nth || candidate.nth == EVERY) && !found) {
             found = candidate.fault;
         }
     }

@@ -31,10 +31,12 @@ struct Fault {
 /// Faults to be made, each for the requests whose path begins with a text. Safe from any thread.
 class FaultSwitches {
 public:
-    /// @param text [METHOD ]PATH=KIND[:ARGUMENT][@N], where KIND is delay, close, refuse, status, malformed, huge,
-    /// close-after, kill or kill-after; with @N only the Nth such request from now on goes wrong.
-    /// @throws std::invalid_argument saying what is wrong with the text.
-    void set(const std::string& text);
+    /// Sets all of these or none.
+    ///
+    /// @param texts each [METHOD ]PATH=KIND[:ARGUMENT][@N], where KIND is delay, close, refuse, status, malformed,
+    /// huge, close-after, kill or kill-after; with @N only the Nth such request from now on goes wrong, counted from 1.
+    /// @throws std::invalid_argument saying what is wrong with a text.
+    void set(const std::vector<std::string>& texts);
     void clear();
     /// Those that are set, each as "TEXT (N requests)": how many it has had to do with.
     std::vector<std::string> list() const;

@@ -95,6 +95,13 @@ std::string readField(Scanner& scanner, const std::string& word, const std::map<
 
 }  // namespace
 
+FilterExpression::FilterExpression(const ServiceRequest& request, const std::map<std::string, bool>& fields) {
+    const auto text = request.query.find("filter");
+    if (text != request.query.end() && !text->second.empty()) {
+        *this = FilterExpression(text->second, fields);
+    }
+}
+
 FilterExpression::FilterExpression(const std::string& text, const std::map<std::string, bool>& fields) {
     Scanner scanner(text);
     const std::string first = scanner.word();

@@ -6,24 +6,12 @@
 
 #include <algorithm>
 #include <cstdarg>
-#include <cstdlib>
 #include <limits>
-#include <memory>
 #include <new>
+#include <stdexcept>
 #include <utility>
 
 namespace Tesmor::Arkwell::Sandbox {
-
-namespace {
-
-JsonPointer required(json_t* value) {
-    if (value == nullptr) {
-        throw std::bad_alloc();
-    }
-    return JsonPointer(value);
-}
-
-}  // namespace
 
 namespace json {
 
@@ -32,7 +20,11 @@ JsonPointer array() {
 }
 
 JsonPointer string(std::string_view text) {
-    return required(json_stringn(text.data(), text.size()));
+    JsonPointer made(json_stringn(text.data(), text.size()));
+    if (!made) {
+        throw std::invalid_argument("not UTF-8: " + std::string(text));
+    }
+    return made;
 }
 
 JsonPointer pack(const char* format, ...) {
@@ -41,6 +33,9 @@ JsonPointer pack(const char* format, ...) {
     json_error_t error;
     json_t* const value = json_vpack_ex(&error, 0, format, arguments);
     va_end(arguments);
+    if (value == nullptr && json_error_code(&error) == json_error_invalid_utf8) {
+        throw std::invalid_argument("a text that is not UTF-8");
+    }
     return required(value);
 }
 
@@ -50,12 +45,10 @@ void append(const JsonPointer& list, JsonPointer value) {
     }
 }
 
-std::string dump(const JsonPointer& document) {
-    const std::unique_ptr<char, void (*)(void*)> text(json_dumps(document.get(), JSON_COMPACT), std::free);
-    if (!text) {
+void set(const JsonPointer& object, const char* key, JsonPointer value) {
+    if (json_object_set_new(object.get(), key, value.release()) != 0) {
         throw std::bad_alloc();
     }
-    return text.get();
 }
 
 }  // namespace json

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "platform/Handles.h"
+#include "sandbox/JsonText.h"
 
 #include <rbac/ObjectNamespace.h>
 
@@ -15,10 +15,8 @@ namespace Tesmor {
 namespace Arkwell {
 namespace Sandbox {
 
-using platform_detail::JsonPointer;
-
 // Making documents. Every function throws std::bad_alloc where memory runs out or, for pack(), where the format does
-// not suit its arguments.
+// not suit its arguments, and std::invalid_argument for a text that is not UTF-8, which string() names.
 namespace json {
 
 JsonPointer array();
@@ -27,7 +25,8 @@ JsonPointer string(std::string_view text);
 JsonPointer pack(const char* format, ...);
 /// Appends the value, whose reference it takes over.
 void append(const JsonPointer& list, JsonPointer value);
-std::string dump(const JsonPointer& document);
+/// Sets a member of the object to the value, whose reference it takes over.
+void set(const JsonPointer& object, const char* key, JsonPointer value);
 
 }  // namespace json
 
@@ -57,7 +56,6 @@ public:
     /// @throws ServiceError of the kind NAMESPACE_MALFORMED for a text that is none.
     Rbac::ObjectNamespace objectName() const;
 
-    const std::string& place() const { return place_; }
     [[noreturn]] void refuse(const std::string& why) const;
 
 private:

@@ -2,6 +2,7 @@
 
 #include "sandbox/DefinitionRules.h"
 #include "sandbox/Json.h"
+#include "sandbox/ResourceTypes.h"
 #include "sandbox/ServiceError.h"
 
 #include <platform/Text.h>
@@ -14,10 +15,6 @@ namespace Tesmor::Arkwell::Sandbox {
 
 namespace {
 
-constexpr char OBJECT_TYPE[] = "managedObject";
-constexpr char DEFINITION_TYPE[] = "accessDefinition";
-constexpr char ROLE_TYPE[] = "accessControlRole";
-constexpr char OPERATION_TYPE[] = "accessControlOperation";
 constexpr std::size_t OBJECT_PART = 3;  // of the path
 
 /// The object that the path names, as its text form is written by everybody.

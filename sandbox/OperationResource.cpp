@@ -2,23 +2,17 @@
 
 #include "sandbox/FilterExpression.h"
 #include "sandbox/Json.h"
+#include "sandbox/ResourceTypes.h"
 
 namespace Tesmor::Arkwell::Sandbox {
 
 namespace {
 
-constexpr char TYPE[] = "accessControlOperation";
-
 /// Which operations are wanted.
 class Selection {
 public:
-    explicit Selection(const ServiceRequest& request) {
-        const auto text = request.query.find("filter");
-        if (text == request.query.end() || text->second.empty()) {
-            return;
-        }
-        filter_ = FilterExpression(text->second, {{"name", true}, {"object", false}});
-        byObject_ = filter_.field() == "object";
+    explicit Selection(const ServiceRequest& request)
+        : filter_(request, {{"name", true}, {"object", false}}), byObject_(filter_.field() == "object") {
         if (byObject_) {
             parseNamespace(filter_.text());
         }
@@ -34,7 +28,7 @@ public:
 
 private:
     FilterExpression filter_;
-    bool byObject_ = false;
+    bool byObject_;
 };
 
 }  // namespace
@@ -45,8 +39,9 @@ ServiceResponse listOperations(AccessService& service, const ServiceRequest& req
     service.read([&](const ServiceTables& tables) {
         for (const OperationRecord& operation : tables.operations.all()) {
             if (selection.accepts(operation)) {
-                json::append(list, json::pack("{s:s, s:s, s:{s:s}}", "type", TYPE, "id", operation.name.c_str(),
-                                              "attributes", "appliesTo", operation.appliesTo.c_str()));
+                json::append(list,
+                             json::pack("{s:s, s:s, s:{s:s}}", "type", OPERATION_TYPE, "id", operation.name.c_str(),
+                                        "attributes", "appliesTo", operation.appliesTo.c_str()));
             }
         }
     });

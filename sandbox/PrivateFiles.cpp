@@ -67,7 +67,7 @@ void makePrivateFolder(const std::string& path) {
 }
 
 void replaceFile(const std::string& path, const std::string& contents, Readers readers) {
-    const std::filesystem::path folder = std::filesystem::path(path).parent_path();
+    const std::filesystem::path folder = std::filesystem::absolute(path).parent_path();
     std::filesystem::create_directories(folder);
     const mode_t mode = readers == Readers::OWNER ? 0600 : 0644;
     const std::string next = path + ".new";

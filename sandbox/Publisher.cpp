@@ -1,13 +1,21 @@
 #include "sandbox/Publisher.h"
 
 #include "sandbox/CacheWriter.h"
+#include "sandbox/LogLevels.h"
+
+#include <platform/Logger.h>
 
 #include <algorithm>
+#include <chrono>
+#include <exception>
 #include <utility>
 
 namespace Tesmor::Arkwell::Sandbox {
 
 namespace {
+
+constexpr std::chrono::seconds SHORTEST_PAUSE{1};
+constexpr std::chrono::seconds LONGEST_PAUSE{60};
 
 bool any(const std::list<PublishedChange>& changes, bool PublishedChange::*question) {
     return std::any_of(changes.begin(), changes.end(),
@@ -17,7 +25,16 @@ bool any(const std::list<PublishedChange>& changes, bool PublishedChange::*quest
 }  // namespace
 
 Publisher::Publisher(std::string folder, PublicationSource source)
-    : folder_(std::move(folder)), source_(std::move(source)) {}
+    : folder_(std::move(folder)), source_(std::move(source)), retrying_([this] { retry(); }) {}
+
+Publisher::~Publisher() {
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        isEnding_ = true;
+        retried_.notify_all();
+    }
+    retrying_.join();
+}
 
 std::uint64_t Publisher::note(std::list<PublishedChange>& change) {
     const std::lock_guard<std::mutex> lock(mutex_);
@@ -48,9 +65,37 @@ void Publisher::await(std::uint64_t change) {
             publish(changes);
         } catch (...) {
             finish(before);
+            hasFailed_ = true;
+            retried_.notify_all();
             throw;
         }
         finish(newest);
+        hasFailed_ = false;
+    }
+}
+
+void Publisher::retry() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    std::chrono::seconds pause = SHORTEST_PAUSE;
+    while (!isEnding_) {
+        if (!hasFailed_) {
+            pause = SHORTEST_PAUSE;
+            retried_.wait(lock);
+            continue;
+        }
+        if (retried_.wait_for(lock, pause, [this] { return isEnding_ || !hasFailed_; })) {
+            continue;
+        }
+        const std::uint64_t newest = lastNoted_;
+        lock.unlock();
+        try {
+            await(newest);
+            logmsg(LEVEL_NOTICE, "Publisher", "Published what could not be published before");
+        } catch (const std::exception&) {
+            // Whoever made the change has said why; to say it again each time would fill the log.
+            pause = std::min(pause * 2, LONGEST_PAUSE);
+        }
+        lock.lock();
     }
 }
 

@@ -9,6 +9,7 @@
 #include <map>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace Tesmor {
@@ -37,6 +38,9 @@ public:
 
     /// @param folder where "operation-cache.json" and the folder "access-caches" are.
     Publisher(std::string folder, PublicationSource source);
+    ~Publisher();
+    Publisher(const Publisher&) = delete;
+    Publisher& operator=(const Publisher&) = delete;
 
     /// Takes notice of a change, without publishing it yet. Call it in the order in which the changes were made.
     ///
@@ -46,11 +50,12 @@ public:
     /// Returns when a publication contains the change.
     ///
     /// @throws what CacheWriter::publish() and writeOperationCache() throw. The change is then part of the next
-    /// publication that succeeds.
+    /// publication that succeeds, which is attempted now and then until it does.
     void await(std::uint64_t change);
 
 private:
     void publish(const std::list<PublishedChange>& changes);
+    void retry();
 
     const std::string folder_;
     const PublicationSource source_;
@@ -64,6 +69,11 @@ private:
     std::uint64_t lastNoted_ = 0;
     std::uint64_t lastPublished_ = 0;
     bool isPublishing_ = false;
+
+    std::condition_variable retried_;
+    bool hasFailed_ = false;  // whether a publication is to be attempted again
+    bool isEnding_ = false;
+    std::thread retrying_;  // the last one: it uses the others
 };
 
 }  // namespace Sandbox

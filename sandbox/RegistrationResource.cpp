@@ -1,11 +1,10 @@
 #include "sandbox/RegistrationResource.h"
 
-#include "platform/UtcTime.h"
 #include "sandbox/DefinitionRules.h"
 #include "sandbox/Json.h"
+#include "sandbox/ResourceTypes.h"
 #include "sandbox/ServiceError.h"
 
-#include <chrono>
 #include <map>
 #include <utility>
 #include <vector>
@@ -14,10 +13,6 @@ namespace Tesmor::Arkwell::Sandbox {
 
 namespace {
 
-constexpr char REGISTRATION_TYPE[] = "objectRegistrationData";
-constexpr char UPDATE_TYPE[] = "managedObjectUpdate";
-constexpr char OBJECT_TYPE[] = "managedObject";
-
 /// An object that somebody wants to register.
 struct Registration {
     ObjectRecord object;
@@ -25,10 +20,6 @@ struct Registration {
     std::vector<std::string> children = {};
     bool ignoreRegistered = false;
 };
-
-std::string now() {
-    return platform_detail::utcText(std::chrono::system_clock::now());
-}
 
 /// {"roleId": 5, "propagation": "OBJECT", "operations": ["|OPERATIONS|VIEW|"]}
 DefinitionRecord readDefinition(const DocumentValue& value, const std::string& object) {
@@ -80,7 +71,7 @@ Registration readRegistration(const DocumentValue& data) {
 /// Records objects as PENDING.
 class Registrar {
 public:
-    Registrar(StateChange& change, const std::string& client) : change_(change), client_(client), now_(now()) {}
+    Registrar(StateChange& change, const std::string& client) : change_(change), client_(client) {}
 
     /// @return what was registered. What had been registered before is left as it is and is not part of it, so that
     /// whoever takes a failed registration back does not take away what others rely on.
@@ -120,7 +111,7 @@ private:
 
     StateChange& change_;
     const std::string& client_;
-    std::string now_;
+    std::string now_ = currentTime();
 };
 
 JsonPointer registeredResource(const std::string& name, const std::vector<std::string>& registered) {
@@ -130,19 +121,6 @@ JsonPointer registeredResource(const std::string& name, const std::vector<std::s
     }
     return json::pack("{s:s, s:s, s:{s:{s:O}}}", "type", REGISTRATION_TYPE, "id", name.c_str(), "relationships",
                       "registeredObjects", "data", list.get());
-}
-
-void setState(StateChange& change, const ObjectRecord& wanted) {
-    const ObjectRecord known = requireObject(change.tables, wanted.name);
-    if (known.systemDefined && wanted.state != ObjectState::READY) {
-        throw ServiceError(error_kinds::SYSTEM_DEFINED, wanted.name + " cannot become " + stateText(wanted.state));
-    }
-    if (wanted.state == ObjectState::DELETED) {
-        change.tables.objects.remove(wanted.name);
-    } else if (wanted.state != known.state) {
-        change.tables.objects.setState(wanted);
-    }
-    change.touch(wanted.name);
 }
 
 /// The states that objects are to have, by name.
@@ -198,14 +176,9 @@ ServiceResponse registerObjects(AccessService& service, const ServiceRequest& re
 
 ServiceResponse updateObjects(AccessService& service, const ServiceRequest& request) {
     const std::map<std::string, ObjectState> states = readUpdate(request.body);
-    const std::string time = now();
     service.change([&](StateChange& change) {
         for (const auto& [name, state] : states) {
-            ObjectRecord object{name, {}};
-            object.state = state;
-            object.changedAt = time;
-            object.changedBy = request.client;
-            setState(change, object);
+            setState(change, requireObject(change.tables, name), state, request.client);
         }
     });
     return {201, json::dump(json::pack("{s:{s:s}}", "data", "type", UPDATE_TYPE))};

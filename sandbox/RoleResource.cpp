@@ -2,6 +2,7 @@
 
 #include "sandbox/FilterExpression.h"
 #include "sandbox/Json.h"
+#include "sandbox/ResourceTypes.h"
 #include "sandbox/ServiceError.h"
 
 #include <boost/lexical_cast.hpp>
@@ -12,7 +13,6 @@ namespace Tesmor::Arkwell::Sandbox {
 
 namespace {
 
-constexpr char TYPE[] = "accessControlRole";
 constexpr std::size_t LONGEST_TEXT = 256;
 
 /// What a client may say of a role.
@@ -24,7 +24,7 @@ struct RoleDocument {
 RoleDocument readRole(const std::string& body) {
     const Document document(body);
     const DocumentValue data = document.root().member("data");
-    data.requireType(TYPE);
+    data.requireType(ROLE_TYPE);
     const DocumentValue attributes = data.member("attributes");
     const DocumentValue name = attributes.member("name");
     RoleDocument role{name.text(), {}};
@@ -43,8 +43,8 @@ RoleDocument readRole(const std::string& body) {
 JsonPointer resource(const RoleRecord& role) {
     const std::string id = std::to_string(role.id);
     const std::string self = "/access-control/roles/" + id;
-    return json::pack("{s:s, s:{s:{s:s}}, s:s, s:{s:s, s:s, s:b}}", "type", TYPE, "links", "self", "href", self.c_str(),
-                      "id", id.c_str(), "attributes", "name", role.name.c_str(), "description",
+    return json::pack("{s:s, s:{s:{s:s}}, s:s, s:{s:s, s:s, s:b}}", "type", ROLE_TYPE, "links", "self", "href",
+                      self.c_str(), "id", id.c_str(), "attributes", "name", role.name.c_str(), "description",
                       role.description.c_str(), "systemDefined", static_cast<int>(role.systemDefined));
 }
 
@@ -69,11 +69,7 @@ void requireFreeName(const ServiceTables& tables, const std::string& name) {
 }  // namespace
 
 ServiceResponse listRoles(AccessService& service, const ServiceRequest& request) {
-    const auto filterText = request.query.find("filter");
-    FilterExpression filter;
-    if (filterText != request.query.end() && !filterText->second.empty()) {
-        filter = FilterExpression(filterText->second, {{"name", true}});
-    }
+    const FilterExpression filter(request, {{"name", true}});
     const JsonPointer list = json::array();
     service.read([&](const ServiceTables& tables) {
         for (const RoleRecord& role : tables.roles.all()) {

@@ -1,7 +1,7 @@
 #include "sandbox/SandboxFolder.h"
 
 #include "InstallationPaths.h"
-#include "platform/Handles.h"
+#include "sandbox/JsonText.h"
 #include "sandbox/PrivateFiles.h"
 #include "sandbox/ServiceTables.h"
 #include "sandbox/SqliteDatabase.h"
@@ -21,8 +21,6 @@
 namespace Tesmor::Arkwell::Sandbox {
 
 namespace {
-
-using platform_detail::JsonPointer;
 
 constexpr char PUBLIC_KEY_FILE[] = TARVO_ROOT "/var/global/tmsec/jwtkeys/jwtPublicKey";
 constexpr char PUBLICATION_FOLDER[] = TARVO_ROOT "/wmc/webserver/temp";
@@ -69,7 +67,11 @@ void SandboxFolder::createFiles(const SandboxOptions& options) const {
         if (!options.replace) {
             throw std::runtime_error(path_ + " is there already; remove it, or pass --replace to lose what is in it");
         }
-        if (!tryToLock(0)) {
+        if (!std::filesystem::exists(keyFile())) {
+            throw std::runtime_error(path_ + " is no sandbox, so it is not replaced; remove it yourself");
+        }
+        const std::unique_ptr<FileLockGuard> lock = tryToLock(0);
+        if (!lock) {
             throw std::runtime_error("a service runs on " + path_ + "; stop it first");
         }
         std::filesystem::remove_all(path_);
@@ -119,7 +121,7 @@ std::unique_ptr<FileLockGuard> SandboxFolder::tryToLock(long timeoutMs) const {
 }
 
 void SandboxFolder::requirePrivate() const {
-    tokenKey();
+    readTokenKey();
     makePrivateFolder(path_);  // it is there, so its permissions are looked at
     for (const char* const key : {CA_KEY, HOST_KEY, SERVICE_KEY}) {
         readPrivateFile(tlsFile(key));
@@ -136,15 +138,18 @@ TlsServerFiles SandboxFolder::serviceFiles() const {
 
 std::string SandboxFolder::publicationFolder() const {
     SqliteDatabase state(stateFile());
-    createServiceTables(state);
     return Sandbox::publicationFolder(state).value_or(PUBLICATION_FOLDER);
 }
 
 SigningKey SandboxFolder::tokenKey() const {
+    return SigningKey::fromPem(readTokenKey());
+}
+
+std::string SandboxFolder::readTokenKey() const {
     if (!std::filesystem::exists(keyFile())) {
         throw std::runtime_error(path_ + " is no sandbox; make one with: rbac-sandbox init --folder " + path_);
     }
-    return SigningKey::fromPem(readPrivateFile(keyFile()));
+    return readPrivateFile(keyFile());
 }
 
 std::string SandboxFolder::settings(const SandboxOptions& options) const {
@@ -154,11 +159,10 @@ std::string SandboxFolder::settings(const SandboxOptions& options) const {
         SqliteDatabase::create(file);  // for its owner only
         database = sqliteConnection(file);
     }
-    const JsonPointer document(json_pack("{s:s, s:s, s:{}, s:{s:s, s:[]}, s:{s:i, s:i, s:i}, s:{s:i}}", "primaryServer",
+    const JsonPointer document(json_pack("{s:s, s:s, s:{}, s:{s:s, s:[]}, s:{s:i}}", "primaryServer",
                                          options.primaryServer.c_str(), "accessEnforcement", "gen2", "tls",
                                          "authDatabase", "connectionString", database.connectionString.c_str(),
-                                         "onConnect", "http", "connectTimeoutMs", 10000, "timeoutMs", 60000,
-                                         "maxResponseBytes", 268435456, "log", "level", options.logLevel));
+                                         "onConnect", "log", "level", options.logLevel));
     if (!document) {
         throw std::invalid_argument("a setting is not UTF-8");
     }
@@ -174,8 +178,7 @@ std::string SandboxFolder::settings(const SandboxOptions& options) const {
     if (!options.logFile.empty()) {
         setText(document, "log", "file", options.logFile);
     }
-    const std::unique_ptr<char, void (*)(void*)> text(json_dumps(document.get(), JSON_INDENT(2)), free);
-    return std::string(text.get()) + "\n";
+    return json::dump(document, JSON_INDENT(2)) + "\n";
 }
 
 }  // namespace Tesmor::Arkwell::Sandbox

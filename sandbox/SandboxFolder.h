@@ -25,7 +25,7 @@ struct SandboxOptions {
     /// Of the log; empty for the standard error stream.
     std::string logFile;
     int logLevel = 8;
-    /// Whether a folder that is there already is set up anew: everything in it is lost.
+    /// Whether a sandbox that is there already is set up anew: everything in it is lost.
     bool replace = false;
 };
 
@@ -40,8 +40,8 @@ public:
     /// Makes the folder with new keys, certificates and databases, and tells this host about them: the settings file
     /// and the public key file are replaced.
     ///
-    /// @throws std::runtime_error (the folder is there already, others may enter it), std::system_error, EC_exception
-    /// (the authorization database).
+    /// @throws std::runtime_error (the folder is there already or is no sandbox to be replaced, others may enter it),
+    /// std::system_error, EC_exception (the authorization database).
     void create(const SandboxOptions& options) const;
     /// create() without the tables of the authorization database.
     void createFiles(const SandboxOptions& options) const;
@@ -71,6 +71,8 @@ public:
 private:
     void createCertificates(const SandboxOptions& options) const;
     std::string tlsFile(const char* name) const { return path_ + "/tls/" + name; }
+    /// @throws as tokenKey().
+    std::string readTokenKey() const;
     std::string keyFile() const { return path_ + "/keys/jwtPrivateKey"; }
     std::string settings(const SandboxOptions& options) const;
 

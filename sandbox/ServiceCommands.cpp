@@ -15,6 +15,7 @@
 #include <csignal>
 #include <filesystem>
 #include <iostream>
+#include <map>
 #include <stdexcept>
 
 namespace Tesmor::Arkwell::Sandbox {
@@ -50,12 +51,21 @@ std::string userName() {
     return user != nullptr ? user->pw_name : std::to_string(getuid());
 }
 
+/// {"command": name, ...}
+JsonPointer commandOf(const char* name, const std::map<const char*, std::string>& texts = {}) {
+    JsonPointer command = json::pack("{s:s}", "command", name);
+    for (const auto& [key, text] : texts) {
+        json::set(command, key, json::string(text));
+    }
+    return command;
+}
+
 JsonPointer listOf(const std::vector<std::string>& texts) {
-    const JsonPointer list = json::array();
+    JsonPointer list = json::array();
     for (const std::string& text : texts) {
         json::append(list, json::string(text));
     }
-    return JsonPointer(json_incref(list.get()));
+    return list;
 }
 
 /// Prints the output in an answer, or throws the error in it.
@@ -156,9 +166,7 @@ void ServiceCommands::serve() const {
     const SandboxFolder folder(folder_);
     folder.requirePrivate();
     FaultSwitches faults;
-    for (const std::string& fault : faults_) {
-        faults.set(fault);
-    }
+    faults.set(faults_);
     const StopSignals signals;
     const std::unique_ptr<FileLockGuard> lock = folder.tryToLock(0);
     if (!lock) {
@@ -176,16 +184,17 @@ void ServiceCommands::serve() const {
     server.stop();
 }
 
-void ServiceCommands::tellService(const std::string& command) const {
+void ServiceCommands::tellService(const JsonPointer& command) const {
     SandboxFolder(folder_).requirePrivate();
-    const boost::optional<std::string> reply = askService(folder_, command);
+    const boost::optional<std::string> reply = askService(folder_, json::dump(command));
     if (!reply) {
         throw std::runtime_error("no service runs on " + folder_);
     }
     printAnswer(*reply);
 }
 
-void ServiceCommands::carryOut(const std::string& command) const {
+void ServiceCommands::carryOut(const JsonPointer& document) const {
+    const std::string command = json::dump(document);
     const SandboxFolder folder(folder_);
     folder.requirePrivate();
     // A service that is about to start or to end has the lock and answers nobody.
@@ -205,55 +214,53 @@ void ServiceCommands::carryOut(const std::string& command) const {
 }
 
 void ServiceCommands::importTree() const {
-    const std::string path = std::filesystem::canonical(path_);
-    carryOut(json::dump(json::pack("{s:s, s:s, s:o}", "command", "import-tree", "path", path.c_str(), "revoke",
-                                   listOf(revoked_).release())));
+    const JsonPointer command = commandOf("import-tree", {{"path", std::filesystem::canonical(path_)}});
+    json::set(command, "revoke", listOf(revoked_));
+    carryOut(command);
 }
 
 void ServiceCommands::importRoles() const {
-    carryOut(R"({"command": "import-roles"})");
+    carryOut(json::pack("{s:s}", "command", "import-roles"));
 }
 
 void ServiceCommands::listPending() const {
     const SandboxFolder folder(folder_);
     folder.requirePrivate();
     SqliteDatabase state(folder.stateFile());
-    createServiceTables(state);
     for (const ObjectRecord& object : ObjectTable(state).pending()) {
         std::cout << object.name << " since " << object.changedAt << " by " << object.changedBy << "\n";
     }
 }
 
 void ServiceCommands::settle() const {
-    carryOut(json::dump(json::pack("{s:s, s:s, s:s, s:s}", "command", "settle", "name", name_.c_str(), "state",
-                                   state_.c_str(), "user", userName().c_str())));
+    carryOut(commandOf("settle", {{"name", name_}, {"state", state_}, {"user", userName()}}));
 }
 
 void ServiceCommands::addOperation() const {
-    carryOut(json::dump(json::pack("{s:s, s:s, s:s}", "command", "add-operation", "name", name_.c_str(), "appliesTo",
-                                   appliesTo_.c_str())));
+    carryOut(commandOf("add-operation", {{"name", name_}, {"appliesTo", appliesTo_}}));
 }
 
 void ServiceCommands::listOperations() const {
     const SandboxFolder folder(folder_);
     folder.requirePrivate();
     SqliteDatabase state(folder.stateFile());
-    createServiceTables(state);
     for (const OperationRecord& operation : OperationTable(state).all()) {
         std::cout << operation.name << " " << operation.bit << ", applies to " << operation.appliesTo << "\n";
     }
 }
 
 void ServiceCommands::setFaults() const {
-    tellService(json::dump(json::pack("{s:s, s:o}", "command", "set-faults", "faults", listOf(faults_).release())));
+    const JsonPointer command = commandOf("set-faults");
+    json::set(command, "faults", listOf(faults_));
+    tellService(command);
 }
 
 void ServiceCommands::clearFaults() const {
-    tellService(R"({"command": "clear-faults"})");
+    tellService(commandOf("clear-faults"));
 }
 
 void ServiceCommands::listFaults() const {
-    tellService(R"({"command": "list-faults"})");
+    tellService(commandOf("list-faults"));
 }
 
 void ServiceCommands::issueCertificate() const {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "sandbox/JsonText.h"
 #include "sandbox/ServiceServer.h"
 
 #include <memory>
@@ -47,9 +48,9 @@ private:
     void issueCertificate() const;
 
     /// Has the running service carry out a command, and prints what there is to say.
-    void tellService(const std::string& command) const;
+    void tellService(const JsonPointer& command) const;
     /// Has a command carried out, by the service if it runs, and prints what there is to say.
-    void carryOut(const std::string& command) const;
+    void carryOut(const JsonPointer& document) const;
 
     const std::string& folder_;
     ServiceServerOptions server_;

@@ -16,6 +16,7 @@ struct ServiceRequest {
     std::string contentType;
     std::string body;
     std::string client;  ///< the subject of the client's certificate
+    std::string contentEncoding = {};
 
     // Filled by the router.
     std::vector<std::string> path = {};  ///< decoded, part by part

@@ -1,6 +1,7 @@
 #include "sandbox/ServiceRouter.h"
 
 #include "sandbox/CacheResource.h"
+#include "sandbox/LogLevels.h"
 #include "sandbox/MediaType.h"
 #include "sandbox/ObjectResource.h"
 #include "sandbox/OperationResource.h"
@@ -25,8 +26,6 @@ struct Route {
     Handler handler;
 };
 
-constexpr int LEVEL_ERROR = 16;
-constexpr int LEVEL_PROGRESS = 4;
 constexpr char TAG[] = "ServiceRouter::answer";
 constexpr char ANY[] = "*";
 constexpr char PLAIN_JSON[] = "application/json";
@@ -159,6 +158,9 @@ ServiceResponse carryOut(AccessService& service, ServiceRequest& request) {
     const std::string mediaType = mediaTypeFor(request.accept);
     if (mediaType.empty()) {
         throw ServiceError(error_kinds::NOT_ACCEPTABLE, request.accept);
+    }
+    if (carriesDocument(request) && !request.contentEncoding.empty()) {
+        throw ServiceError(error_kinds::MEDIA_TYPE_UNSUPPORTED, "Content-Encoding: " + request.contentEncoding);
     }
     if (carriesDocument(request) && !isMediaTypeTaken(request.contentType)) {
         throw ServiceError(error_kinds::MEDIA_TYPE_UNSUPPORTED,

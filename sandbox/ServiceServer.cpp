@@ -1,6 +1,7 @@
 #include "sandbox/ServiceServer.h"
 
 #include "platform/Handles.h"
+#include "sandbox/LogLevels.h"
 #include "sandbox/ServiceError.h"
 #include "sandbox/ServiceRouter.h"
 
@@ -30,12 +31,12 @@ constexpr std::size_t THREADS = 64;  // of each address; a kept connection occup
 constexpr std::chrono::seconds IDLE_LIMIT{120};
 constexpr std::chrono::seconds IDLE_LIMIT_WHEN_CROWDED{1};
 constexpr time_t TRANSFER_LIMIT_S = 30;  // between two pieces of a request or of an answer
-constexpr std::size_t LARGEST_DOCUMENT = std::size_t{512} << 20U;
+constexpr std::size_t LARGEST_HEAD = std::size_t{1} << 20U;
 constexpr std::size_t WITHOUT_END = 1'000'000'000;
 constexpr int FAULT_CODE = 5900;
 constexpr int ATTEMPTS_FOR_A_FREE_PORT = 20;
-constexpr int LEVEL_ERROR = 16;
 constexpr char ANY_PATH[] = "/";
+constexpr char CONTENT_ENCODING[] = "Content-Encoding";
 constexpr char JSON_TYPE[] = "application/json";
 
 /// The connections of a server.
@@ -102,14 +103,32 @@ private:
     bool isMember_;
 };
 
-/// A connection as the HTTP library reads and writes it.
+/// A connection as the HTTP library reads and writes it. The library bounds only a body whose length is announced, so
+/// what is read of a request is counted here.
 class TlsStream : public httplib::Stream {
 public:
     explicit TlsStream(TlsConnection& connection) : connection_(connection) {}
 
+    /// Lets this many bytes be read from now on; beyond them, reading fails.
+    void allow(std::size_t bytes) { allowed_ = bytes; }
+    /// Whether more was wanted than was allowed.
+    bool isExceeded() const { return isExceeded_; }
+    TlsConnection& connection() const { return connection_; }
+
+    /// What the body of the current request is packed in; kept from the library, which would unpack it to any size.
+    std::string contentEncoding;
+
     bool is_readable() const override { return true; }
     bool is_writable() const override { return true; }
-    ssize_t read(char* to, std::size_t size) override { return connection_.read(to, size); }
+    ssize_t read(char* to, std::size_t size) override {
+        if (allowed_ == 0 && size != 0) {
+            isExceeded_ = true;
+            return -1;
+        }
+        const long count = connection_.read(to, std::min(size, allowed_));
+        allowed_ -= count > 0 ? static_cast<std::size_t>(count) : 0;
+        return count;
+    }
     ssize_t write(const char* bytes, std::size_t size) override {
         return connection_.write(bytes, size) ? static_cast<ssize_t>(size) : -1;
     }
@@ -119,7 +138,14 @@ public:
 
 private:
     TlsConnection& connection_;
+    std::size_t allowed_ = 0;
+    bool isExceeded_ = false;
 };
+
+/// The stream of a request; null where the request failed before it had one.
+TlsStream* streamOf(const httplib::Request& request) {
+    return request.ssl == nullptr ? nullptr : static_cast<TlsStream*>(SSL_get_ex_data(request.ssl, 0));
+}
 
 /// All values of a header that may stand there several times.
 std::string headerList(const httplib::Request& request, const char* name) {
@@ -145,9 +171,14 @@ void fill(httplib::Response& to, const ErrorKind& kind, int status) {
 }
 
 /// What the HTTP library itself refuses.
-void explainRefusal(const httplib::Request& /*request*/, httplib::Response& response) {
+void explainRefusal(const httplib::Request& request, httplib::Response& response) {
     if (!response.body.empty()) {
         return;
+    }
+    const TlsStream* const stream = streamOf(request);
+    if (stream != nullptr && stream->isExceeded()) {
+        response.status = error_kinds::TOO_LARGE.httpStatus;
+        response.set_header("Connection", "close");
     }
     constexpr std::array<ErrorKind, 4> KINDS{error_kinds::REQUEST_MALFORMED, error_kinds::RESOURCE_UNKNOWN,
                                              error_kinds::TOO_LARGE, error_kinds::ADDRESS_TOO_LONG};
@@ -188,14 +219,16 @@ public:
         : handler_(std::move(handler)), faults_(faults), connections_(connections) {}
 
     void answer(const httplib::Request& request, httplib::Response& response) const {
-        auto& connection = *static_cast<TlsConnection*>(SSL_get_ex_data(request.ssl, 0));
+        const TlsStream& stream = *streamOf(request);
+        TlsConnection& connection = stream.connection();
         const boost::optional<Fault> fault =
             faults_.next(request.method, request.target.substr(0, request.target.find('?')));
         if (fault && makeFault(*fault, connection, response)) {
             return;
         }
         fill(response, handler_({request.method, request.target, headerList(request, "Accept"),
-                                 request.get_header_value("Content-Type"), request.body, connection.clientName()}));
+                                 request.get_header_value("Content-Type"), request.body, connection.clientName(),
+                                 stream.contentEncoding}));
         if (!fault) {
             return;
         }
@@ -249,8 +282,8 @@ private:
 /// not let go of them when it is stopped.
 class Listener : public httplib::Server {
 public:
-    Listener(SSL_CTX* context, Connections& connections, const Answerer& answerer)
-        : context_(context), connections_(connections) {
+    Listener(SSL_CTX* context, Connections& connections, const Answerer& answerer, std::size_t largestDocument)
+        : context_(context), connections_(connections), largestDocument_(largestDocument) {
         const auto handler = [&answerer](const httplib::Request& request, httplib::Response& response) {
             answerer.answer(request, response);
         };
@@ -268,7 +301,7 @@ public:
         set_write_timeout(TRANSFER_LIMIT_S);
         set_keep_alive_timeout(IDLE_LIMIT.count());
         set_keep_alive_max_count(WITHOUT_END);
-        set_payload_max_length(LARGEST_DOCUMENT);
+        set_payload_max_length(largestDocument);
         new_task_queue = [] { return new httplib::ThreadPool(THREADS); };
     }
 
@@ -308,7 +341,6 @@ private:
         setsockopt(number, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof yes);
         TlsConnection connection(context_, number);
         if (connection.handshake()) {
-            SSL_set_ex_data(connection.handle(), 0, &connection);
             serve(connection);
         }
         return true;
@@ -316,20 +348,31 @@ private:
 
     void serve(TlsConnection& connection) {
         TlsStream stream(connection);
-        const auto prepare = [&connection](httplib::Request& request) {
-            request.ssl = connection.handle();
+        SSL_set_ex_data(connection.handle(), 0, &stream);
+        const auto prepare = [this, &stream](httplib::Request& request) {
+            request.ssl = stream.connection().handle();
             // The service takes the target apart on its own, so the library has nothing to choose between.
             request.path = ANY_PATH;
             if (!request.has_header("Content-Length") && !request.has_header("Transfer-Encoding")) {
                 request.set_header("Content-Length", "0");
             }
+            stream.contentEncoding = headerList(request, CONTENT_ENCODING);
+            request.headers.erase(CONTENT_ENCODING);
+            // Of a body that says itself that it is too large, nothing is read.
+            const auto announced = request.get_header_value<std::uint64_t>("Content-Length");
+            stream.allow(announced <= largestDocument_ ? largestDocument_ : 0);
         };
         const auto isEnough = [this](std::chrono::seconds idle) {
             return idle >= (connections_.areCrowded() ? IDLE_LIMIT_WHEN_CROWDED : IDLE_LIMIT);
         };
         bool isLast = false;
         while (!isLast && connection.waitForBytes(isEnough)) {
+            stream.allow(LARGEST_HEAD);
             const bool answered = process_request(stream, connections_.isStopping(), isLast, prepare);
+            if (stream.isExceeded()) {
+                connection.endUnread();
+                return;
+            }
             if (!answered || !connection.flush()) {
                 return;
             }
@@ -338,6 +381,7 @@ private:
 
     SSL_CTX* context_;
     Connections& connections_;
+    const std::size_t largestDocument_;
 };
 
 bool hasLoopback6() {
@@ -367,6 +411,7 @@ class ServiceServer::Implementation {
 public:
     Implementation(const ServiceServerOptions& options, Handler handler, FaultSwitches& faults)
         : addresses_(options.addresses.empty() ? loopbackAddresses() : options.addresses),
+          largestDocument_(options.largestDocument),
           context_(makeServerContext(options.files)),
           answerer_(std::move(handler), faults, connections_) {
         // A port that is free at one address may be taken at another.
@@ -398,7 +443,7 @@ private:
     bool bindAll(int port, bool mayFail) {
         listeners_.clear();
         for (const std::string& address : addresses_) {
-            listeners_.push_back(std::make_unique<Listener>(context_.get(), connections_, answerer_));
+            listeners_.push_back(std::make_unique<Listener>(context_.get(), connections_, answerer_, largestDocument_));
             const int bound = listeners_.back()->bind(address, port);
             if (bound < 0) {
                 if (mayFail) {
@@ -431,6 +476,7 @@ private:
     }
 
     const std::vector<std::string> addresses_;
+    const std::size_t largestDocument_;
     SslContextPointer context_;
     Connections connections_;
     Answerer answerer_;

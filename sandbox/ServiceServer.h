@@ -4,6 +4,7 @@
 #include "sandbox/ServiceRequest.h"
 #include "sandbox/TlsConnection.h"
 
+#include <cstddef>
 #include <functional>
 #include <memory>
 #include <string>
@@ -18,6 +19,8 @@ struct ServiceServerOptions {
     std::vector<std::string> addresses = {};
     int port = 1556;  ///< 0: one that is free
     TlsServerFiles files = {};
+    /// Of a request, in bytes: the body, with the marks between chunks where it comes in chunks.
+    std::size_t largestDocument = std::size_t{512} << 20U;
 };
 
 /// Answers requests over HTTPS, many at a time. Connections are kept for two minutes without a request, unless there

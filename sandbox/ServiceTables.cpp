@@ -5,6 +5,7 @@
 #include <boost/lexical_cast.hpp>
 
 #include <array>
+#include <stdexcept>
 #include <utility>
 
 namespace Tesmor::Arkwell::Sandbox {
@@ -67,6 +68,22 @@ std::int32_t nextNumber(SqliteDatabase& database, const char* counter, const cha
     }
     SqliteStatement(database, "UPDATE counters SET next = ? WHERE name = ?").bind(1, number + 1).bind(2, counter).run();
     return static_cast<std::int32_t>(number);
+}
+
+/// Runs a statement that returns the number of what it adds.
+std::int64_t newId(SqliteStatement& insert) {
+    insert.step();
+    const std::int64_t id = insert.integer(0);
+    insert.run();  // to its end
+    return id;
+}
+
+std::int64_t numberOf(SqliteDatabase& database, const char* query, const std::string& name) {
+    SqliteStatement numbers(database, query);
+    if (!numbers.bind(1, name).step()) {
+        throw std::runtime_error("there is no " + name);
+    }
+    return numbers.integer(0);
 }
 
 RoleRecord roleAt(const SqliteStatement& row) {
@@ -234,18 +251,18 @@ boost::optional<ObjectRecord> ObjectTable::find(const std::string& name) const {
     return objectAt(objects);
 }
 
-void ObjectTable::add(const ObjectRecord& object) {
-    SqliteStatement(database_,
-                    "INSERT INTO objects (name, type, inherit, state, system_defined, changed_at, changed_by)"
-                    " VALUES (?, ?, ?, ?, ?, ?, ?)")
-        .bind(1, object.name)
+std::int64_t ObjectTable::add(const ObjectRecord& object) {
+    SqliteStatement insert(database_,
+                           "INSERT INTO objects (name, type, inherit, state, system_defined, changed_at, changed_by)"
+                           " VALUES (?, ?, ?, ?, ?, ?, ?) RETURNING id");
+    insert.bind(1, object.name)
         .bind(2, object.type)
         .bind(3, std::int64_t{object.inherit})
         .bind(4, static_cast<std::int64_t>(object.state))
         .bind(5, std::int64_t{object.systemDefined})
         .bind(6, object.changedAt)
-        .bind(7, object.changedBy)
-        .run();
+        .bind(7, object.changedBy);
+    return newId(insert);
 }
 
 void ObjectTable::setInherit(const std::string& name, bool inherit) {
@@ -358,21 +375,25 @@ bool DefinitionTable::exists(const std::string& object, std::int64_t id) const {
 }
 
 std::int64_t DefinitionTable::add(const DefinitionRecord& definition) {
-    SqliteStatement insert(database_,
-                           "INSERT INTO definitions (object, role, propagation)"
-                           " VALUES ((SELECT id FROM objects WHERE name = ?), ?, ?) RETURNING id");
-    insert.bind(1, definition.object)
-        .bind(2, std::int64_t{definition.roleId})
-        .bind(3, static_cast<std::int64_t>(definition.propagation));
-    insert.step();
-    const std::int64_t id = insert.integer(0);
-    insert.step();
-    SqliteStatement operations(database_,
-                               "INSERT INTO definition_operations (definition, position, operation)"
-                               " VALUES (?, ?, (SELECT bit FROM operations WHERE name = ?))");
-    std::int64_t position = 0;
+    std::vector<std::int64_t> bits;
     for (const std::string& operation : definition.operations) {
-        operations.bind(1, id).bind(2, position).bind(3, operation).run();
+        bits.push_back(numberOf(database_, "SELECT bit FROM operations WHERE name = ?", operation));
+    }
+    return add(numberOf(database_, "SELECT id FROM objects WHERE name = ?", definition.object), definition.roleId,
+               definition.propagation, bits);
+}
+
+std::int64_t DefinitionTable::add(std::int64_t object, std::int32_t roleId, GrantScope propagation,
+                                  const std::vector<std::int64_t>& operationBits) {
+    SqliteStatement insert(database_,
+                           "INSERT INTO definitions (object, role, propagation) VALUES (?, ?, ?) RETURNING id");
+    insert.bind(1, object).bind(2, std::int64_t{roleId}).bind(3, static_cast<std::int64_t>(propagation));
+    const std::int64_t id = newId(insert);
+    SqliteStatement operations(database_,
+                               "INSERT INTO definition_operations (definition, position, operation) VALUES (?, ?, ?)");
+    std::int64_t position = 0;
+    for (const std::int64_t bit : operationBits) {
+        operations.bind(1, id).bind(2, position).bind(3, bit).run();
         ++position;
     }
     return id;

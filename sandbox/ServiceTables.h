@@ -88,8 +88,8 @@ public:
     explicit ObjectTable(SqliteDatabase& database) : database_(database) {}
 
     boost::optional<ObjectRecord> find(const std::string& name) const;
-    /// Adds an object that is not there yet.
-    void add(const ObjectRecord& object);
+    /// Adds an object that is not there yet, and gives its number.
+    std::int64_t add(const ObjectRecord& object);
     void setInherit(const std::string& name, bool inherit);
     void setState(const ObjectRecord& object);
     /// Removes it with its access definitions.
@@ -126,6 +126,9 @@ public:
     /// Adds a definition whose object, role and operations are there, with a number that none has had before, and gives
     /// the number.
     std::int64_t add(const DefinitionRecord& definition);
+    /// The same by the numbers of the object and of the operations.
+    std::int64_t add(std::int64_t object, std::int32_t roleId, GrantScope propagation,
+                     const std::vector<std::int64_t>& operationBits);
     void remove(std::int64_t id);
     std::int64_t countOfRole(std::int32_t roleId) const;
 

@@ -1,6 +1,6 @@
 #include "sandbox/SigningKey.h"
 
-#include "jwt/OpenSslHandles.h"
+#include "sandbox/OpenSslText.h"
 
 #include <jwt/JWTSSLApi.h>
 
@@ -15,22 +15,6 @@ namespace {
 
 constexpr unsigned int KEY_BITS = 2048;
 
-void require(bool succeeded, const char* action) {
-    if (!succeeded) {
-        throw std::runtime_error(std::string("OpenSSL cannot ") + action);
-    }
-}
-
-/// The text that `write` writes to a BIO.
-template <class Write>
-std::string textOf(const char* action, const Write& write) {
-    const BioPointer memory(BIO_new(BIO_s_mem()));
-    require(memory != nullptr && write(memory.get()) == 1, action);
-    char* text = nullptr;
-    const long length = BIO_get_mem_data(memory.get(), &text);
-    return {text, static_cast<std::size_t>(length)};
-}
-
 std::shared_ptr<EVP_PKEY> shared(EVP_PKEY* key) {
     return {key, [](EVP_PKEY* held) { EVP_PKEY_free(held); }};
 }
@@ -41,15 +25,15 @@ SigningKey::SigningKey(std::shared_ptr<EVP_PKEY> key) : key_(std::move(key)) {}
 
 SigningKey SigningKey::generate() {
     EVP_PKEY* const key = EVP_RSA_gen(KEY_BITS);
-    require(key != nullptr, "make a key");
+    requireOpenSsl(key != nullptr, "make a key");
     return SigningKey(shared(key));
 }
 
 SigningKey SigningKey::fromPem(const std::string& pem) {
     const BioPointer text(BIO_new_mem_buf(pem.c_str(), -1));
-    require(text != nullptr, "read a key");
+    requireOpenSsl(text != nullptr, "read a key");
     const std::shared_ptr<EVP_PKEY> key = shared(PEM_read_bio_PrivateKey(text.get(), nullptr, nullptr, nullptr));
-    require(key != nullptr && EVP_PKEY_is_a(key.get(), "RSA") == 1, "read an RSA key");
+    requireOpenSsl(key != nullptr && EVP_PKEY_is_a(key.get(), "RSA") == 1, "read an RSA key");
     return SigningKey(key);
 }
 
@@ -68,13 +52,13 @@ std::string SigningKey::signToken(const std::string& header, const std::string& 
     const DigestPointer digest(EVP_MD_CTX_new());
     const auto* const bytes = reinterpret_cast<const unsigned char*>(text.data());
     std::size_t length = 0;
-    require(digest && EVP_DigestSignInit(digest.get(), nullptr, EVP_sha256(), nullptr, key_.get()) == 1 &&
-                EVP_DigestSign(digest.get(), nullptr, &length, bytes, text.size()) == 1,
-            "sign");
+    requireOpenSsl(digest && EVP_DigestSignInit(digest.get(), nullptr, EVP_sha256(), nullptr, key_.get()) == 1 &&
+                       EVP_DigestSign(digest.get(), nullptr, &length, bytes, text.size()) == 1,
+                   "sign");
     std::string signature(length, '\0');
-    require(EVP_DigestSign(digest.get(), reinterpret_cast<unsigned char*>(signature.data()), &length, bytes,
-                           text.size()) == 1,
-            "sign");
+    requireOpenSsl(EVP_DigestSign(digest.get(), reinterpret_cast<unsigned char*>(signature.data()), &length, bytes,
+                                  text.size()) == 1,
+                   "sign");
     signature.resize(length);
     return text + "." + base64Url(signature);
 }
@@ -85,7 +69,7 @@ std::string base64Url(const std::string& bytes) {
     }
     std::string text;
     const auto* const data = reinterpret_cast<const unsigned char*>(bytes.data());
-    require(JWTSSLApi::B64Encode(data, static_cast<int>(bytes.size()), text) == 0, "encode base64");
+    requireOpenSsl(JWTSSLApi::B64Encode(data, static_cast<int>(bytes.size()), text) == 0, "encode base64");
     text.erase(text.find_last_not_of('=') + 1);
     std::replace(text.begin(), text.end(), '+', '-');
     std::replace(text.begin(), text.end(), '/', '_');

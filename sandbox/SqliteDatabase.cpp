@@ -1,6 +1,7 @@
 #include "sandbox/SqliteDatabase.h"
 
 #include "platform/Handles.h"
+#include "sandbox/LogLevels.h"
 
 #include <platform/Logger.h>
 
@@ -16,7 +17,6 @@ namespace Tesmor::Arkwell::Sandbox {
 namespace {
 
 constexpr int LOCK_WAIT_MS = 10'000;
-constexpr int LEVEL_ERROR = 16;
 
 [[noreturn]] void fail(sqlite3* database) {
     throw std::runtime_error(std::string("SQLite: ") + sqlite3_errmsg(database));

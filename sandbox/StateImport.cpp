@@ -1,12 +1,11 @@
 #include "sandbox/StateImport.h"
 
-#include "platform/UtcTime.h"
+#include "sandbox/DefinitionRules.h"
 #include "sandbox/ServiceError.h"
 #include "sandbox/UnixRoles.h"
 
 #include <boost/lexical_cast.hpp>
 
-#include <chrono>
 #include <map>
 #include <set>
 #include <stdexcept>
@@ -40,22 +39,15 @@ std::size_t addMissingRoles(RoleTable& table, const std::set<int>& roles) {
 /// Puts the objects of a model into the tables, where they are not yet.
 class StateFiller {
 public:
-    StateFiller(StateChange& change, const AccessModel& model)
-        : change_(change),
-          model_(model),
-          object_(change.database,
-                  "INSERT INTO objects (name, type, inherit, state, system_defined, changed_at, changed_by)"
-                  " VALUES (?, ?, ?, 0, 0, ?, ?) RETURNING id"),
-          definition_(change.database,
-                      "INSERT INTO definitions (object, role, propagation) VALUES (?, ?, ?) RETURNING id"),
-          operation_(change.database,
-                     "INSERT INTO definition_operations (definition, position, operation) VALUES (?, ?, ?)") {}
+    StateFiller(StateChange& change, const AccessModel& model) : change_(change), model_(model) {}
 
     void fill() {
         addRoles();
         for (std::size_t i = 0; i < model_.objectCount(); ++i) {
             const AccessModel::Entry entry = model_.entry(i);
-            addDefinitions(addObject(entry), model_.grants(entry.grantList));
+            const std::int64_t object = change_.tables.objects.add(
+                {std::string(entry.text), OBJECT_TYPE, entry.inherit, ObjectState::READY, false, now_, IMPORTER});
+            addDefinitions(object, model_.grants(entry.grantList));
         }
     }
 
@@ -70,47 +62,19 @@ private:
         addMissingRoles(change_.tables.roles, roles);
     }
 
-    std::int64_t addObject(const AccessModel::Entry& entry) {
-        object_.bind(1, entry.text)
-            .bind(2, OBJECT_TYPE)
-            .bind(3, std::int64_t{entry.inherit})
-            .bind(4, now_)
-            .bind(5, IMPORTER);
-        return newId(object_);
-    }
-
     void addDefinitions(std::int64_t object, const AccessModel::GrantList& grants) {
-        std::map<std::pair<std::int32_t, GrantScope>, std::int64_t> definitions;
+        std::map<std::pair<std::int32_t, GrantScope>, std::vector<std::int64_t>> definitions;
         for (const Grant& grant : grants) {
-            std::int64_t& definition = definitions[{grant.roleId, grant.scope}];
-            if (definition == 0) {
-                definition_.bind(1, object)
-                    .bind(2, std::int64_t{grant.roleId})
-                    .bind(3, static_cast<std::int64_t>(grant.scope));
-                definition = newId(definition_);
-            }
-            // The place within a definition says nothing, it only has to be another one each time.
-            operation_.bind(1, definition)
-                .bind(2, std::int64_t{grant.operationBit})
-                .bind(3, std::int64_t{grant.operationBit});
-            operation_.run();
+            definitions[{grant.roleId, grant.scope}].push_back(grant.operationBit);
         }
-    }
-
-    /// Runs a statement that returns the number of what it added.
-    static std::int64_t newId(SqliteStatement& statement) {
-        statement.step();
-        const std::int64_t id = statement.integer(0);
-        statement.run();  // to its end
-        return id;
+        for (const auto& [whoAndWhere, operations] : definitions) {
+            change_.tables.definitions.add(object, whoAndWhere.first, whoAndWhere.second, operations);
+        }
     }
 
     StateChange& change_;
     const AccessModel& model_;
-    const std::string now_ = platform_detail::utcText(std::chrono::system_clock::now());
-    SqliteStatement object_;
-    SqliteStatement definition_;
-    SqliteStatement operation_;
+    const std::string now_ = currentTime();
 };
 
 }  // namespace

@@ -1,6 +1,6 @@
 #include "sandbox/TlsConnection.h"
 
-#include "jwt/OpenSslHandles.h"
+#include "sandbox/OpenSslText.h"
 
 #include <openssl/err.h>
 #include <openssl/ssl.h>
@@ -8,6 +8,8 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <stdexcept>
 
@@ -17,6 +19,7 @@ namespace {
 
 constexpr std::size_t MOST_OUTPUT = std::size_t{64} << 10U;
 constexpr int LOOK_AGAIN_MS = 1000;
+constexpr std::chrono::seconds UNREAD_LIMIT{2};
 constexpr unsigned char SESSION_CONTEXT[] = "rbac-sandbox";
 
 void require(bool succeeded, const std::string& action) {
@@ -139,16 +142,31 @@ void TlsConnection::abandon(bool inOrder) {
     isOpen_ = false;
 }
 
+void TlsConnection::endUnread() {
+    flush();
+    if (!isOpen_) {
+        return;
+    }
+    abandon(true);
+    shutdown(descriptor_, SHUT_WR);
+    const auto limit = std::chrono::steady_clock::now() + UNREAD_LIMIT;
+    pollfd readable{descriptor_, POLLIN, 0};
+    while (std::chrono::steady_clock::now() < limit && poll(&readable, 1, LOOK_AGAIN_MS) >= 0) {
+        const ssize_t count = recv(descriptor_, input_.data(), input_.size(), MSG_DONTWAIT);
+        if (count == 0 || (count < 0 && errno != EAGAIN)) {
+            return;
+        }
+    }
+}
+
 std::string TlsConnection::clientName() const {
     const X509* const certificate = SSL_get0_peer_certificate(ssl_.get());
-    const BioPointer memory(BIO_new(BIO_s_mem()));
-    if (certificate == nullptr || !memory ||
-        X509_NAME_print_ex(memory.get(), X509_get_subject_name(certificate), 0, XN_FLAG_RFC2253) < 0) {
+    if (certificate == nullptr) {
         return {};
     }
-    char* text = nullptr;
-    const long length = BIO_get_mem_data(memory.get(), &text);
-    return {text, static_cast<std::size_t>(length)};
+    return textOf("write a name", [certificate](BIO* memory) {
+        return X509_NAME_print_ex(memory, X509_get_subject_name(certificate), 0, XN_FLAG_RFC2253) < 0 ? 0 : 1;
+    });
 }
 
 }  // namespace Tesmor::Arkwell::Sandbox

@@ -59,6 +59,11 @@ public:
     /// reset.
     void abandon(bool inOrder);
 
+    /// Ends the connection after what is kept has been written, while the client may still be sending what nobody
+    /// reads: that is thrown away for a moment, because an end before it has arrived takes the answer away from the
+    /// client.
+    void endUnread();
+
     int descriptor() const { return descriptor_; }
     SSL* handle() const { return ssl_.get(); }
     /// The subject of the client's certificate, as in "CN=host.example".

@@ -1,18 +1,15 @@
 #include "sandbox/TokenIssuer.h"
 
-#include "platform/Handles.h"
+#include "sandbox/JsonText.h"
 
 #include <openssl/rand.h>
 
-#include <memory>
 #include <stdexcept>
 #include <utility>
 
 namespace Tesmor::Arkwell::Sandbox {
 
 namespace {
-
-using platform_detail::JsonPointer;
 
 constexpr char HEADER[] = R"({"alg":"RS256","typ":"JWT"})";
 constexpr char ISSUER[] = "rbac-sandbox";
@@ -35,11 +32,7 @@ std::string dump(const JsonPointer& document, const std::string& subject) {
     if (!document) {
         throw std::invalid_argument("the subject is not UTF-8: " + subject);
     }
-    const std::unique_ptr<char, void (*)(void*)> text(json_dumps(document.get(), JSON_COMPACT | JSON_SORT_KEYS), free);
-    if (!text) {
-        throw std::bad_alloc();
-    }
-    return text.get();
+    return json::dump(document, JSON_COMPACT | JSON_SORT_KEYS);
 }
 
 json_int_t milliseconds(std::chrono::system_clock::time_point time) {

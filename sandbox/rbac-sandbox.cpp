@@ -36,13 +36,17 @@ struct Options {
     std::string sessionId;
 };
 
-/// The sandbox's state, which commands other than init work on.
-struct State {
-    explicit State(const Options& options)
-        : folder(options.folder), key(folder.tokenKey()), database(folder.stateFile()) {}
+/// The sandbox, which commands other than init work on.
+SandboxFolder privateFolder(const Options& options) {
+    SandboxFolder folder(options.folder);
+    folder.requirePrivate();
+    return folder;
+}
 
-    SandboxFolder folder;
-    SigningKey key;
+/// The users in its state.
+struct State {
+    explicit State(const SandboxFolder& folder) : database(folder.stateFile()) {}
+
     SqliteDatabase database;
     UserStore users{database};
 };
@@ -68,27 +72,27 @@ void addUser(const Options& options) {
         user.roleIds = unix_roles::all(user.name);
     }
     user.roleIds.insert(options.roleIds.begin(), options.roleIds.end());
-    State(options).users.put(user);
+    State(privateFolder(options)).users.put(user);
     printUser(user);
 }
 
 void removeUser(const Options& options) {
-    if (!State(options).users.remove(options.user.name)) {
+    if (!State(privateFolder(options)).users.remove(options.user.name)) {
         throw std::invalid_argument("there is no user " + options.user.name);
     }
 }
 
 void listUsers(const Options& options) {
-    for (const User& user : State(options).users.all()) {
+    for (const User& user : State(privateFolder(options)).users.all()) {
         printUser(user);
     }
 }
 
 void issueToken(const Options& options) {
-    const State state(options);
-    const User user = state.users.get(options.user.name);
+    const SandboxFolder folder = privateFolder(options);
+    const User user = State(folder).users.get(options.user.name);
     const std::string subject = user.isMachine ? user.name : user.name + ":" + options.domain + ":local";
-    const TokenIssuer issuer(options.forged ? SigningKey::generate() : state.key);
+    const TokenIssuer issuer(options.forged ? SigningKey::generate() : folder.tokenKey());
     const auto expiry = std::chrono::system_clock::now() + std::chrono::seconds(options.lifetimeSeconds);
     const SessionTokens tokens = issuer.issue({subject, user.isMachine, user.roleIds}, expiry);
     if (!options.unrecorded) {
@@ -97,13 +101,15 @@ void issueToken(const Options& options) {
     std::cout << tokens.sessionToken << "\n";
 }
 
-void listSessions(const Options& /*options*/) {
+void listSessions(const Options& options) {
+    privateFolder(options);
     for (const std::string& id : AuthDatabase().sessionIds()) {
         std::cout << id << "\n";
     }
 }
 
 void revokeSession(const Options& options) {
+    privateFolder(options);
     AuthDatabase().removeSession(options.sessionId);
 }
 

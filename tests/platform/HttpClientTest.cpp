@@ -347,7 +347,7 @@ TEST_P(Ipv6Address, ReachesAServer) {
         GTEST_SKIP() << "this machine has no IPv6";
     }
     Server::Options options = fixture.options();
-    options.ipv6 = true;
+    options.version = testing_support::IpVersion::V6;
     Server six(options, [](Connection& c) { c.answerAll(200, "the answer"); });
     AWClientCURL asking(GetParam(), six.port(), SESSION_SERVICE, CERT_HOST);
     EXPECT_EQ(0, asking.Get("a"));

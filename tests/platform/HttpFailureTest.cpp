@@ -1,6 +1,7 @@
 #include "HttpFixture.h"
 #include "testing/ChildProcess.h"
 #include "testing/LogCapture.h"
+#include "testing/LoopbackPort.h"
 #include "testing/NetworkFaults.h"
 #include "testing/TemporaryDirectory.h"
 

@@ -190,9 +190,7 @@ TEST_F(CacheWriterTest, SmallChangeIsMadeAndPublishedAgain) {
     writer.publish(model);
     Contents changed = small;
     changed.objects[3].grants.push_back({77, 12, GrantScope::OBJECT});
-    ModelObject object = model.find(changed.objects[3].name).value();
-    object.grants.push_back({77, 12, GrantScope::OBJECT});
-    model.add(object);
+    model.add(changed.objects[3]);
     writer.publish(model);
     EXPECT_EQ(differenceFrom(changed), "");
 }

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <filesystem>
 #include <stdexcept>
 #include <system_error>
 
@@ -73,6 +74,15 @@ TEST(PrivateFilesTest, ReplacesAFileThatWasOpenToOthers) {
     replaceFile(directory / "file", "after", Readers::OWNER);
     EXPECT_EQ(modeOf(directory / "file"), 0600U);
     EXPECT_EQ(readPrivateFile(directory / "file"), "after");
+}
+
+TEST(PrivateFilesTest, WritesAFileInTheWorkingFolder) {
+    const TemporaryDirectory directory;
+    const std::filesystem::path before = std::filesystem::current_path();
+    std::filesystem::current_path(directory.path());
+    EXPECT_NO_THROW(replaceFile("file", "text", Readers::OWNER));
+    std::filesystem::current_path(before);
+    EXPECT_EQ(readPrivateFile(directory / "file"), "text");
 }
 
 TEST(PrivateFilesTest, RefusesASecretThatOthersMayRead) {

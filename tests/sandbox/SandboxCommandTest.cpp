@@ -1,4 +1,5 @@
-#include "InstallationPaths.h"
+#include "ServiceProcess.h"
+#include "sandbox/UnixRoles.h"
 #include "sandbox/UserStore.h"
 #include "testing/LogCapture.h"
 #include "testing/TemporaryDirectory.h"
@@ -8,11 +9,9 @@
 
 #include <gmock/gmock.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 
-#include <cstdio>
 #include <filesystem>
-#include <memory>
+#include <set>
 
 // The command rbac-sandbox as people and scripts use it.
 
@@ -20,33 +19,19 @@ using testing::ElementsAre;
 using testing::EndsWith;
 using testing::HasSubstr;
 using testing::StartsWith;
+using testing_support::CommandResult;
+using testing_support::runSandbox;
 using testing_support::ScopedEnvironment;
 using testing_support::TemporaryDirectory;
 
 namespace {
 
-struct Result {
-    int status;
-    std::string output;  // of both streams
-};
-
 class SandboxCommandTest : public testing::Test {
 protected:
-    Result run(const std::string& arguments) const {
-        const std::string command = std::string(RBAC_SANDBOX) + " --folder " + folder_ + " " + arguments + " 2>&1";
-        // NOLINTNEXTLINE(cert-env33-c): the command is the test's own
-        const std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), [](FILE*) { return 0; });
-        std::string output;
-        char chunk[4096];
-        for (std::size_t count = 0; (count = fread(chunk, 1, sizeof chunk, pipe.get())) > 0;) {
-            output.append(chunk, count);
-        }
-        const int status = pclose(pipe.get());
-        return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output};
-    }
+    CommandResult run(const std::string& arguments) const { return runSandbox(folder_, arguments); }
 
     std::string succeed(const std::string& arguments) const {
-        const Result result = run(arguments);
+        const CommandResult result = run(arguments);
         EXPECT_EQ(result.status, 0) << arguments << "\n" << result.output;
         return result.output;
     }
@@ -113,9 +98,15 @@ TEST_F(SandboxCommandTest, EndsSessions) {
 
 TEST_F(SandboxCommandTest, TakesAUserOfThisMachineWithTheRolesThatFilesHaveHere) {
     succeed("init");
-    EXPECT_EQ(succeed("users add root --of-this-machine").rfind("root: roles 0, 1, ", 0), 0U);
-    EXPECT_EQ(succeed("users add root --of-this-machine --roles 77").find(", 77") != std::string::npos, true);
-    const Result result = run("users add no-such-user --of-this-machine");
+    namespace unix_roles = Tesmor::Arkwell::Sandbox::unix_roles;
+    std::set<int> roles = unix_roles::all("root");
+    roles.insert(unix_roles::EVERYBODY + 1);
+    std::string line = "root: roles";
+    for (const int role : roles) {
+        line += (line.back() == 's' ? " " : ", ") + std::to_string(role);
+    }
+    EXPECT_EQ(succeed("users add root --of-this-machine --roles 2"), line + "\n");
+    const CommandResult result = run("users add no-such-user --of-this-machine");
     EXPECT_EQ(result.status, 1);
     EXPECT_EQ(result.output, "rbac-sandbox: there is no user no-such-user\n");
 }
@@ -127,7 +118,7 @@ TEST_F(SandboxCommandTest, ListsUsers) {
     succeed("users add host.example --machine --roles 2");
     EXPECT_EQ(succeed("users list"), "alice: roles 0\nbob: roles none\nhost.example (machine): roles 2\n");
     succeed("users remove bob");
-    const Result again = run("users remove bob");
+    const CommandResult again = run("users remove bob");
     EXPECT_EQ(again.status, 1);
     EXPECT_EQ(again.output, "rbac-sandbox: there is no user bob\n");
 }
@@ -145,11 +136,24 @@ TEST_F(SandboxCommandTest, RefusesToUseAKeyThatOthersMayRead) {
     succeed("init");
     succeed("users add alice");
     ASSERT_EQ(chmod((folder_ + "/keys/jwtPrivateKey").c_str(), 0644), 0);
-    const Result result = run("tokens issue alice");
+    const CommandResult result = run("tokens issue alice");
     EXPECT_EQ(result.status, 1);
     EXPECT_EQ(result.output, "rbac-sandbox: " + folder_ +
                                  "/keys/jwtPrivateKey is open to others than its owner; take their permissions away "
                                  "first\n");
+}
+
+TEST_F(SandboxCommandTest, RefusesAFolderThatOthersMayEnter) {
+    succeed("init");
+    ASSERT_EQ(chmod(folder_.c_str(), 0750), 0);
+    for (const char* command : {"users add alice", "users remove alice", "users list", "tokens issue alice",
+                                "tokens list", "tokens revoke x"}) {
+        const CommandResult result = run(command);
+        EXPECT_EQ(result.status, 1) << command;
+        EXPECT_EQ(result.output,
+                  "rbac-sandbox: " + folder_ + " is open to others than its owner; take their permissions away first\n")
+            << command;
+    }
 }
 
 TEST_F(SandboxCommandTest, DropsNoSandboxUnasked) {
@@ -160,6 +164,16 @@ TEST_F(SandboxCommandTest, DropsNoSandboxUnasked) {
     EXPECT_EQ(succeed("users list"), "alice: roles none\n");
     succeed("init --replace");
     EXPECT_EQ(succeed("users list"), "");
+}
+
+TEST_F(SandboxCommandTest, ReplacesNothingButASandbox) {
+    testing_support::writeFile(folder_ + "/precious", "text");
+    const CommandResult result = run("init --replace");
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.output,
+              "rbac-sandbox: " + folder_ + " is no sandbox, so it is not replaced; remove it yourself\n");
+    EXPECT_EQ(testing_support::readFile(folder_ + "/precious"), "text");
+    EXPECT_FALSE(std::filesystem::exists(folder_ + "/service.lck"));
 }
 
 TEST_F(SandboxCommandTest, LeavesTheStateToWhoHasItOpen) {
@@ -176,7 +190,7 @@ TEST_F(SandboxCommandTest, LeavesTheStateToWhoHasItOpen) {
 }
 
 TEST_F(SandboxCommandTest, SaysHowToMakeASandbox) {
-    const Result result = run("users list");
+    const CommandResult result = run("users list");
     EXPECT_EQ(result.status, 1);
     EXPECT_EQ(result.output, "rbac-sandbox: " + folder_ + " is no sandbox; make one with: rbac-sandbox init --folder " +
                                  folder_ + "\n");
@@ -184,7 +198,7 @@ TEST_F(SandboxCommandTest, SaysHowToMakeASandbox) {
 
 TEST_F(SandboxCommandTest, NamesAUserThatThereIsNot) {
     succeed("init");
-    const Result result = run("tokens issue nobody");
+    const CommandResult result = run("tokens issue nobody");
     EXPECT_EQ(result.status, 1);
     EXPECT_EQ(result.output, "rbac-sandbox: there is no user nobody\n");
 }

@@ -67,6 +67,13 @@ TEST_F(ServiceErrorsTest, TakesNoDocumentOfAnotherMediaType) {
     }
 }
 
+TEST_F(ServiceErrorsTest, TakesNoDocumentThatIsCompressed) {
+    for (const char* encoding : {"gzip", "br", "none"}) {
+        expectRefusal(client_.send("POST", "roles", "{}", {{"Content-Encoding", encoding}}), 415, 5305,
+                      std::string("Content-Encoding: ") + encoding);
+    }
+}
+
 TEST_F(ServiceErrorsTest, WritesNoOtherMediaType) {
     for (const char* type : {"text/html", "application/vnd.arkwell+json;version=7.0"}) {
         expectRefusal(client_.send("GET", "roles", "", {{"Accept", type}}), 406, 5302, type);

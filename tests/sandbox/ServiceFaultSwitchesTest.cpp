@@ -12,13 +12,13 @@ namespace {
 
 Fault parse(const std::string& text) {
     FaultSwitches faults;
-    faults.set(text);
+    faults.set({text});
     return faults.next("GET", "/a/b").value();
 }
 
 std::string refusalOf(const std::string& text) {
     try {
-        FaultSwitches().set(text);
+        FaultSwitches().set({text});
     } catch (const std::invalid_argument& refused) {
         return refused.what();
     }
@@ -54,7 +54,7 @@ TEST(ServiceFaultSwitchesTest, TakesAnArgument) {
 
 TEST(ServiceFaultSwitchesTest, ConcernsPathsThatBeginLikeItsOwn) {
     FaultSwitches faults;
-    faults.set("/a/b=close");
+    faults.set({"/a/b=close"});
     EXPECT_TRUE(faults.next("GET", "/a/b"));
     EXPECT_TRUE(faults.next("POST", "/a/bc/d"));
     EXPECT_FALSE(faults.next("GET", "/a"));
@@ -63,14 +63,14 @@ TEST(ServiceFaultSwitchesTest, ConcernsPathsThatBeginLikeItsOwn) {
 
 TEST(ServiceFaultSwitchesTest, ConcernsItsMethodOnly) {
     FaultSwitches faults;
-    faults.set("POST /=close");
+    faults.set({"POST /=close"});
     EXPECT_FALSE(faults.next("GET", "/"));
     EXPECT_TRUE(faults.next("POST", "/"));
 }
 
 TEST(ServiceFaultSwitchesTest, ConcernsTheNthRequestOnly) {
     FaultSwitches faults;
-    faults.set("/=close@2");
+    faults.set({"/=close@2"});
     EXPECT_FALSE(faults.next("GET", "/"));
     EXPECT_TRUE(faults.next("GET", "/"));
     EXPECT_FALSE(faults.next("GET", "/"));
@@ -78,15 +78,15 @@ TEST(ServiceFaultSwitchesTest, ConcernsTheNthRequestOnly) {
 
 TEST(ServiceFaultSwitchesTest, MakesTheFirstThatConcernsARequest) {
     FaultSwitches faults;
-    faults.set("/a=status:400");
-    faults.set("/=status:401");
+    faults.set({"/a=status:400"});
+    faults.set({"/=status:401"});
     EXPECT_EQ(faults.next("GET", "/a")->argument, 400U);
     EXPECT_EQ(faults.next("GET", "/b")->argument, 401U);
 }
 
 TEST(ServiceFaultSwitchesTest, TakesAPathWithAnEqualsSign) {
     FaultSwitches faults;
-    faults.set("/a=b=close");
+    faults.set({"/a=b=close"});
     EXPECT_TRUE(faults.next("GET", "/a=b"));
 }
 
@@ -97,5 +97,8 @@ TEST(ServiceFaultSwitchesTest, SaysWhatIsWrongWithAText) {
     EXPECT_EQ(refusalOf("/=close:1"), "no fault, close takes no argument: /=close:1");
     EXPECT_EQ(refusalOf("/=delay:x"), "no fault, \"x\" is not a number: /=delay:x");
     EXPECT_EQ(refusalOf("/=close@x"), "no fault, \"x\" is not a number: /=close@x");
+    EXPECT_EQ(refusalOf("/=close@"), "no fault, \"\" is not a number: /=close@");
+    EXPECT_EQ(refusalOf("/=close@0"), "no fault, requests are counted from 1: /=close@0");
+    EXPECT_EQ(refusalOf("/=delay:"), "no fault, \"\" is not a number: /=delay:");
     EXPECT_EQ(refusalOf("/=status:99"), "no fault, the status must be 200 to 599: /=status:99");
 }

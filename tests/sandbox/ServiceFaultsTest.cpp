@@ -1,9 +1,10 @@
-#include "ServiceProcess.h"
+#include "RawConnection.h"
 
 #include <gmock/gmock.h>
 
 #include <chrono>
 #include <csignal>
+#include <utility>
 
 // Requests that the service answers wrongly because it was told to.
 
@@ -39,9 +40,17 @@ TEST_F(ServiceFaultsTest, AnswersLate) {
 }
 
 TEST_F(ServiceFaultsTest, EndsTheConnectionInsteadOfAnswering) {
-    for (const char* kind : {"close", "refuse"}) {
+    const Context context = contextFor(folder_.hostFiles());
+    const std::string body = roleDocument("operators");
+    const std::string request =
+        std::string("POST ") + ROLES +
+        " HTTP/1.1\r\nContent-Type: application/json\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" +
+        body;
+    for (const auto& [kind, failure] : {std::pair{"close", SSL_ERROR_ZERO_RETURN}, {"refuse", SSL_ERROR_SYSCALL}}) {
         set(std::string("POST ") + ROLES + "=" + kind);
-        EXPECT_EQ(client_.post("roles", roleDocument(kind)).status, 0) << kind;
+        RawConnection connection(context.get(), service_.port());
+        EXPECT_EQ(connection.ask(request), "") << kind;
+        EXPECT_EQ(connection.failure(), failure) << kind;
         folder_.run("faults clear");
         EXPECT_EQ(client_.get("roles/2").status, 404) << kind;
     }
@@ -83,6 +92,13 @@ TEST_F(ServiceFaultsTest, ConcernsOnePathOneMethodAndOneRequest) {
     EXPECT_EQ(client_.send("PUT", "roles/1", roleDocument("everybody")).status, 204);
     EXPECT_EQ(client_.get("roles/1").status, 500);
     EXPECT_EQ(client_.get("roles/1").status, 200);
+}
+
+TEST_F(ServiceFaultsTest, AreSetTogetherOrNotAtAll) {
+    const CommandResult result = folder_.run("faults set /a=close /b=explode");
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.output, "rbac-sandbox: no fault, \"explode\" is not known: /b=explode\n");
+    EXPECT_EQ(folder_.run("faults list").output, "");
 }
 
 TEST_F(ServiceFaultsTest, IsListedWithWhatItHasDone) {

@@ -121,10 +121,9 @@ bool ServiceFolder::allows(int role, int operation, const std::string& object) c
         .checkAccess(boost::lexical_cast<ObjectNamespace>(object));
 }
 
-CommandResult ServiceFolder::run(const std::string& arguments) const {
-    const std::string command = std::string(RBAC_SANDBOX) + " --folder " + path() + " " + arguments + " 2>&1";
-    // A shell takes the words apart, as it does for people.
-    FILE* const pipe = popen(command.c_str(), "r");  // NOLINT(cert-env33-c)
+CommandResult runSandbox(const std::string& folder, const std::string& arguments) {
+    const std::string command = std::string(RBAC_SANDBOX) + " --folder " + folder + " " + arguments + " 2>&1";
+    FILE* const pipe = popen(command.c_str(), "r");  // NOLINT(cert-env33-c): the shell is wanted
     std::string output;
     std::array<char, 4096> chunk{};
     for (std::size_t count = 0; (count = fread(chunk.data(), 1, chunk.size(), pipe)) > 0;) {
@@ -158,7 +157,7 @@ ServiceProcess::ServiceProcess(const ServiceFolder& folder, std::vector<std::str
     greeting_ = readLine(output);
     const std::size_t colon = greeting_.rfind(':');
     if (greeting_.compare(0, 11, "serving on ") != 0 || colon == std::string::npos) {
-        throw std::runtime_error("the service ended: " + std::to_string(wait()));
+        throw std::runtime_error("the service ended with " + std::to_string(wait()) + " and printed: " + greeting_);
     }
     port_ = std::stoi(greeting_.substr(colon + 1));
 }

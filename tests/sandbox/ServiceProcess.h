@@ -59,6 +59,9 @@ struct CommandResult {
     std::string output;  // of both streams
 };
 
+/// Runs rbac-sandbox on a sandbox folder, by way of a shell, which takes the words apart as it does for people.
+CommandResult runSandbox(const std::string& folder, const std::string& arguments);
+
 /// A sandbox folder with everything in it, which publishes into a folder of its own.
 class ServiceFolder {
 public:
@@ -74,7 +77,7 @@ public:
     bool allows(int role, int operation, const std::string& object) const;
 
     /// Runs rbac-sandbox on the folder.
-    CommandResult run(const std::string& arguments) const;
+    CommandResult run(const std::string& arguments) const { return runSandbox(path(), arguments); }
 
 private:
     TemporaryDirectory directory_;

@@ -253,6 +253,14 @@ TEST_F(ServiceRegistrationTest, SettlesWhatWasLeftPending) {
     EXPECT_EQ(folder_.run("pending").output, "");
 }
 
+TEST_F(ServiceRegistrationTest, NamesATextThatIsNotUtf8) {
+    for (const char* command : {"settle '\xff' READY", "operations add '\xff'", "faults set '\xff'"}) {
+        const CommandResult result = folder_.run(command);
+        EXPECT_EQ(result.status, 1) << command;
+        EXPECT_EQ(result.output, "rbac-sandbox: not UTF-8: \xff\n") << command;
+    }
+}
+
 TEST_F(ServiceRegistrationTest, RegistersAHundredThousandObjectsInOneRequest) {
     constexpr int COUNT = 100'000;
     std::string list;

@@ -2,6 +2,7 @@
 #include "sandbox/CacheImage.h"
 #include "sandbox/PrivateFiles.h"
 #include "sandbox/ServiceError.h"
+#include "sandbox/ServiceRouter.h"
 #include "testing/LogCapture.h"
 #include "testing/TemporaryDirectory.h"
 
@@ -10,6 +11,7 @@
 #include <gmock/gmock.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <memory>
@@ -20,8 +22,10 @@
 // The state and what is published of it, without the network around it.
 
 using namespace Tesmor::Arkwell::Sandbox;
+using testing::ElementsAre;
 using testing::HasSubstr;
 using testing_support::LogCapture;
+using testing_support::LogLine;
 using testing_support::readFile;
 using testing_support::TemporaryDirectory;
 using testing_support::writeFile;
@@ -138,6 +142,38 @@ TEST_F(ServiceStateTest, PublishesWithTheNextChangeWhatItCouldNotPublish) {
     // The objects at the top, these two, and the record that nothing refers to.
     EXPECT_EQ(std::filesystem::file_size(published_ + "/access-caches/all/objects") / 16, 9U + 2U + 1U);
     EXPECT_TRUE(std::filesystem::exists(published_ + "/operation-cache.json"));
+}
+
+TEST_F(ServiceStateTest, PublishesBeforeLongWhatItCouldNotPublish) {
+    const LogCapture log;
+    const auto service = open();
+    std::filesystem::remove_all(published_);
+    writeFile(published_, "in the way");
+    EXPECT_THROW(addObject(*service, "|ASSETS|db|"), ServiceError);
+    // The first attempts fail as well.
+    std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+    std::filesystem::remove(published_);
+    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (log.linesAt(8).empty() && std::chrono::steady_clock::now() < limit) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    EXPECT_EQ(std::filesystem::file_size(published_ + "/access-caches/all/objects") / 16, 9U + 1U + 1U);
+    EXPECT_TRUE(std::filesystem::exists(published_ + "/operation-cache.json"));
+    EXPECT_THAT(log.linesAt(8), ElementsAre(LogLine{8, "Publisher", "Published what could not be published before"}));
+}
+
+TEST_F(ServiceStateTest, SaysThatItFailed) {
+    const LogCapture log;
+    const auto service = open();
+    SqliteDatabase(state_).execute("ALTER TABLE roles RENAME TO gone");
+    const ServiceResponse response = answer(*service, {"GET", "/arkwell/access-control/roles", "", "", "", "me"});
+    EXPECT_EQ(response.status, 500);
+    EXPECT_EQ(
+        response.body,
+        R"({"errorCode":5501,"errorMessage":"The service failed","errorDetails":["SQLite: no such table: roles"]})");
+    EXPECT_THAT(log.linesAt(16),
+                ElementsAre(LogLine{16, "ServiceRouter::answer",
+                                    "GET /arkwell/access-control/roles: SQLite: no such table: roles"}));
 }
 
 TEST_F(ServiceStateTest, IsReadAndChangedByManyAtOnce) {

@@ -1,13 +1,9 @@
-#include "ServiceProcess.h"
+#include "RawConnection.h"
 #include "platform/Handles.h"
 #include "sandbox/CertificateAuthority.h"
 
-#include <arpa/inet.h>
 #include <gmock/gmock.h>
-#include <netinet/in.h>
-#include <openssl/ssl.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <memory>
 #include <vector>
@@ -23,88 +19,6 @@ using testing::HasSubstr;
 namespace {
 
 constexpr char REQUEST[] = "GET /arkwell/access-control/access-caches/%7C HTTP/1.1\r\nHost: localhost\r\n\r\n";
-
-struct Release {
-    void operator()(SSL_CTX* context) const { SSL_CTX_free(context); }
-    void operator()(SSL* ssl) const { SSL_free(ssl); }
-    void operator()(SSL_SESSION* session) const { SSL_SESSION_free(session); }
-};
-using Context = std::unique_ptr<SSL_CTX, Release>;
-using Session = std::unique_ptr<SSL_SESSION, Release>;
-
-Context contextFor(const ClientFiles& files) {
-    Context context(SSL_CTX_new(TLS_client_method()));
-    SSL_CTX_load_verify_locations(context.get(), files.authority.c_str(), nullptr);
-    SSL_CTX_set_verify(context.get(), SSL_VERIFY_PEER, nullptr);
-    SSL_CTX_use_certificate_chain_file(context.get(), files.certificate.c_str());
-    SSL_CTX_use_PrivateKey_file(context.get(), files.key.c_str(), SSL_FILETYPE_PEM);
-    SSL_CTX_set_session_cache_mode(context.get(), SSL_SESS_CACHE_CLIENT);
-    return context;
-}
-
-/// The socket address of a loopback address and a port.
-sockaddr_storage loopback(const char* address, int port) {
-    sockaddr_storage storage{};
-    const auto number = htons(static_cast<std::uint16_t>(port));
-    auto* const version6 = reinterpret_cast<sockaddr_in6*>(&storage);
-    if (inet_pton(AF_INET6, address, &version6->sin6_addr) == 1) {
-        version6->sin6_family = AF_INET6;
-        version6->sin6_port = number;
-        return storage;
-    }
-    auto* const version4 = reinterpret_cast<sockaddr_in*>(&storage);
-    version4->sin_family = AF_INET;
-    version4->sin_port = number;
-    inet_pton(AF_INET, address, &version4->sin_addr);
-    return storage;
-}
-
-/// A connection without an HTTP library in between.
-class RawConnection {
-public:
-    RawConnection(SSL_CTX* context, int port, SSL_SESSION* session = nullptr, const char* address = "127.0.0.1",
-                  const char* name = "localhost")
-        : address_(loopback(address, port)),
-          socket_(::socket(address_.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0)),
-          ssl_(SSL_new(context)),
-          isConnected_(open(session, name)) {}
-
-    /// The beginning of the answer to the request; empty where there is none.
-    std::string ask(const std::string& request) {
-        std::size_t written = 0;
-        if (!isConnected_ || SSL_write_ex(ssl_.get(), request.data(), request.size(), &written) != 1) {
-            return {};
-        }
-        std::vector<char> answer(4096);
-        std::size_t size = 0;
-        return SSL_read_ex(ssl_.get(), answer.data(), answer.size(), &size) == 1 ? std::string(answer.data(), size)
-                                                                                 : std::string();
-    }
-
-    Session session() const { return Session(SSL_get1_session(ssl_.get())); }
-    bool wasResumed() const { return SSL_session_reused(ssl_.get()) == 1; }
-    const char* version() const { return SSL_get_version(ssl_.get()); }
-    bool isConnected() const { return isConnected_; }
-    void close() { SSL_shutdown(ssl_.get()); }
-
-private:
-    /// @param name host name or address that the service's certificate has to be for.
-    bool open(SSL_SESSION* session, const char* name) const {
-        const timeval limit{60, 0};
-        setsockopt(socket_.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-        if (X509_VERIFY_PARAM_set1_ip_asc(SSL_get0_param(ssl_.get()), name) != 1) {
-            SSL_set1_host(ssl_.get(), name);
-        }
-        return connect(socket_.get(), reinterpret_cast<const sockaddr*>(&address_), sizeof address_) == 0 &&
-               SSL_set_fd(ssl_.get(), socket_.get()) == 1 &&
-               (session == nullptr || SSL_set_session(ssl_.get(), session) == 1) && SSL_connect(ssl_.get()) == 1;
-    }
-
-    sockaddr_storage address_;
-    Descriptor socket_;
-    std::unique_ptr<SSL, Release> ssl_;
-    bool isConnected_;
-};
 
 class ServiceTlsTest : public testing::Test {
 protected:

@@ -1,12 +1,11 @@
 #include "testing/PostgresCluster.h"
 
-#include <arpa/inet.h>
+#include "testing/LoopbackPort.h"
+
 #include <fcntl.h>
 #include <grp.h>
-#include <netinet/in.h>
 #include <pwd.h>
 #include <sys/prctl.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -41,21 +40,6 @@ std::string findPrograms() {
     return found;
 }
 
-/// A port that nobody listens on now.
-int freePort() {
-    const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof address;
-    if (bind(listener, reinterpret_cast<sockaddr*>(&address), size) != 0 ||
-        getsockname(listener, reinterpret_cast<sockaddr*>(&address), &size) != 0) {
-        throw std::runtime_error("cannot find a free port");
-    }
-    close(listener);
-    return ntohs(address.sin_port);
-}
-
 const passwd& serverUser() {
     const passwd* user = getpwnam("postgres");
     if (user == nullptr) {
@@ -83,7 +67,7 @@ int exitStatus(pid_t process) {
 
 }  // namespace
 
-PostgresCluster::PostgresCluster() : programs_(findPrograms()), asRoot_(geteuid() == 0), port_(freePort()) {
+PostgresCluster::PostgresCluster() : programs_(findPrograms()), asRoot_(geteuid() == 0), port_(unusedPort()) {
     if (asRoot_ && chown(directory_.path().c_str(), serverUser().pw_uid, serverUser().pw_gid) != 0) {
         throw std::runtime_error("cannot give away " + directory_.path());
     }

@@ -1,5 +1,7 @@
 #include "testing/TlsServer.h"
 
+#include "testing/LoopbackPort.h"
+
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -66,39 +68,6 @@ std::shared_ptr<SSL_CTX> contextOf(const TlsServer::Options& options) {
         askForCertificate(context.get(), options.clientAuthority);
     }
     return context;
-}
-
-sockaddr_in6 loopback6(int port) {
-    sockaddr_in6 address{};
-    address.sin6_family = AF_INET6;
-    address.sin6_port = htons(static_cast<std::uint16_t>(port));
-    address.sin6_addr = in6addr_loopback;
-    return address;
-}
-
-sockaddr_in loopback4(int port) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<std::uint16_t>(port));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return address;
-}
-
-template <class Address>
-int boundSocket(Address address, in_port_t Address::*port, int& boundPort) {
-    const int made = socket(reinterpret_cast<const sockaddr&>(address).sa_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    socklen_t size = sizeof address;
-    const int reuse = 1;
-    setsockopt(made, SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof reuse);
-    require(bind(made, reinterpret_cast<const sockaddr*>(&address), size) == 0, "bind a socket");
-    require(getsockname(made, reinterpret_cast<sockaddr*>(&address), &size) == 0, "name a socket");
-    boundPort = ntohs(address.*port);
-    return made;
-}
-
-int boundSocket(const TlsServer::Options& options, int& port) {
-    return options.ipv6 ? boundSocket(loopback6(options.port), &sockaddr_in6::sin6_port, port)
-                        : boundSocket(loopback4(options.port), &sockaddr_in::sin_port, port);
 }
 
 /// The client may be gone when something is written, which is no reason for the program to end. Only in the server's
@@ -196,7 +165,7 @@ TlsServer::TlsServer(const Options& options, Script script)
     : options_(options),
       script_(std::move(script)),
       context_(contextOf(options)),
-      listener_(boundSocket(options, port_)) {
+      listener_(boundSocket(options.version, options.port, port_)) {
     require(listen(listener_, SOMAXCONN) == 0, "listen");
     acceptor_ = std::thread([this] { accept(); });
 }
@@ -277,20 +246,6 @@ bool TlsServer::waitForOpen(int count) const {
 std::vector<HttpMessage> TlsServer::requests() const {
     const std::lock_guard<std::mutex> lock(mutex_);
     return requests_;
-}
-
-int unusedPort() {
-    int port = 0;
-    close(boundSocket(TlsServer::Options(), port));
-    return port;
-}
-
-bool hasIpv6Loopback() {
-    const sockaddr_in6 address = loopback6(0);
-    const int made = socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const bool bound = bind(made, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
-    close(made);
-    return bound;
 }
 
 }  // namespace testing_support

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "testing/Certificates.h"
+#include "testing/LoopbackPort.h"
 
 #include <openssl/types.h>
 
@@ -77,8 +78,7 @@ public:
         int highestVersion = 0;  // of TLS, as OpenSSL numbers them; 0: any
         /// To listen on; 0: any that is free.
         int port = 0;
-        /// To listen on the loopback address of IPv6 instead of that of IPv4.
-        bool ipv6 = false;
+        IpVersion version = IpVersion::V4;
         /// What happens before TLS; returns whether TLS follows.
         std::function<bool(int socket)> before;
     };
@@ -125,11 +125,5 @@ private:
     bool ending_ = false;
     std::thread acceptor_;
 };
-
-/// A port of the loopback interface on which nobody listens.
-int unusedPort();
-
-/// Whether a server can listen on IPv6 here.
-bool hasIpv6Loopback();
 
 }  // namespace testing_support
