@@ -14,7 +14,14 @@ constexpr std::chrono::milliseconds PATIENCE{250};
 
 pthread_rwlock_t gate = PTHREAD_RWLOCK_WRITER_NONRECURSIVE_INITIALIZER_NP;
 thread_local bool closedHere = false;
-pthread_mutex_t connecting = PTHREAD_MUTEX_INITIALIZER;
+
+/// Whose turn it is to connect.
+struct Turn {
+    pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+    pthread_cond_t ended = PTHREAD_COND_INITIALIZER;
+    bool isTaken = false;
+};
+Turn turn;
 
 timespec timespecOf(std::chrono::steady_clock::time_point time) {
     const auto sinceBoot = time.time_since_epoch();
@@ -39,7 +46,7 @@ void openGate() {
 void renewGate() {
     closedHere = false;
     gate = PTHREAD_RWLOCK_WRITER_NONRECURSIVE_INITIALIZER_NP;
-    connecting = PTHREAD_MUTEX_INITIALIZER;
+    turn = Turn();
 }
 
 const int registered = pthread_atfork(closeGate, openGate, renewGate);
@@ -56,17 +63,21 @@ DriverCall::~DriverCall() {
 
 ConnectTurn::ConnectTurn(std::chrono::steady_clock::time_point giveUp) {
     const timespec until = timespecOf(giveUp);
-    taken_ = pthread_mutex_clocklock(&connecting, CLOCK_MONOTONIC, &until) == 0;
-    // A mutex that is free is locked however late it is.
-    if (taken_ && std::chrono::steady_clock::now() >= giveUp) {
-        taken_ = false;
-        pthread_mutex_unlock(&connecting);
+    pthread_mutex_lock(&turn.mutex);
+    while (turn.isTaken && pthread_cond_clockwait(&turn.ended, &turn.mutex, CLOCK_MONOTONIC, &until) == 0) {
     }
+    // One that comes late is not taken, free or not.
+    taken_ = !turn.isTaken && std::chrono::steady_clock::now() < giveUp;
+    turn.isTaken = turn.isTaken || taken_;
+    pthread_mutex_unlock(&turn.mutex);
 }
 
 ConnectTurn::~ConnectTurn() {
     if (taken_) {
-        pthread_mutex_unlock(&connecting);
+        pthread_mutex_lock(&turn.mutex);
+        turn.isTaken = false;
+        pthread_cond_broadcast(&turn.ended);
+        pthread_mutex_unlock(&turn.mutex);
     }
 }
 

@@ -6,9 +6,8 @@
 #include <rbac/EC_exception.h>
 #include <rbac/ObjectRegistrationService.h>
 
-#include <boost/optional.hpp>
-
 #include <exception>
+#include <optional>
 #include <utility>
 
 // The workflows: what is sent when, what the caller's callback decides, and what the caller is told.
@@ -48,10 +47,10 @@ struct FailureWords {
 ///
 /// @return nothing where it succeeded; otherwise the status of what it threw, which is logged.
 template <class Step>
-boost::optional<int> attempt(const char* who, const FailureWords& words, Step step) {
+std::optional<int> attempt(const char* who, const FailureWords& words, Step step) {
     try {
         step();
-        return boost::none;
+        return std::nullopt;
     } catch (const EC_exception& failure) {
         if (words.status.empty()) {
             logmsgf(16, who, "%s%s", words.exception.c_str(), failure.what());
@@ -204,7 +203,7 @@ int DefaultObjectRegistrationService::registerObject(boost::shared_ptr<ObjectReg
     RegisteredNamespaces registered;
     const FailureWords words{
         "Registration failed, status=", "Registration threw exception: ", "Registration threw unknown exception."};
-    const boost::optional<int> failure = attempt(REGISTER_TAG, words, [&] {
+    const std::optional<int> failure = attempt(REGISTER_TAG, words, [&] {
         std::string response;
         sendHttpRequest(HTTP_POST, OBJECT_REGISTRATION_URI, json_dumps_shared(buildRegistrationRequest(data)).get(),
                         response);

@@ -105,8 +105,7 @@ struct Answer {
     json_t* data = nullptr;
 };
 
-/// The text is gone when it is parsed: that of a large registration is large.
-Answer parseAnswer(std::string body, const char* who) {
+Answer parseAnswer(const std::string& body, const char* who) {
     json_error_t error;
     Answer answer{JsonPointer(json_loads(body.c_str(), 0, &error))};
     if (!answer.document || json_unpack_ex(answer.document.get(), &error, 0, "{s:o}", "data", &answer.data) != 0) {
@@ -237,7 +236,8 @@ DefaultObjectRegistrationService::RegisteredNamespaces DefaultObjectRegistration
 
 DefaultObjectRegistrationService::BulkRegisteredNamespaces
 DefaultObjectRegistrationService::extractBulkRegisteredNamespaces(std::string body) {
-    const Answer answer = parseAnswer(std::move(body), BULK_TAG);
+    const Answer answer = parseAnswer(body, BULK_TAG);
+    std::string().swap(body);  // that of a large registration is large, and so is what is read out of it
     if (!json_is_array(answer.data)) {
         logmsg(16, BULK_TAG, "Invalid bulk registration response. data is not an array");
         throw EC_exception(DOCUMENT_UNEXPECTED);

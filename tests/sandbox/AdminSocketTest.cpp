@@ -112,9 +112,11 @@ TEST_F(AdminSocketTest, GoesOnWhenThereAreDescriptorsAgain) {
         rlimit before{};
         ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
         rlimit none = before;
-        none.rlim_cur = static_cast<rlim_t>(waiting.get()) + 1;
+        none.rlim_cur = 0;
         ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+        // The descriptor of the accept() that waits already was taken before.
         connectTo(waiting);
+        shutdown(waiting.get(), SHUT_WR);
         EXPECT_TRUE(waitForLine(log));
         ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
     }
