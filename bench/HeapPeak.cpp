@@ -6,14 +6,12 @@
 #include <cstdlib>
 
 // The allocator itself, beneath the names that this file takes.
-// NOLINTBEGIN(bugprone-reserved-identifier): glibc's names
 extern "C" {
 void* __libc_malloc(std::size_t size);
 void* __libc_calloc(std::size_t count, std::size_t size);
 void* __libc_realloc(void* memory, std::size_t size);
 void __libc_free(void* memory);
 }
-// NOLINTEND(bugprone-reserved-identifier)
 
 namespace {
 

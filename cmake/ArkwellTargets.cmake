@@ -13,12 +13,12 @@ if(ARKWELL_SANITIZE)
         message(FATAL_ERROR "The compiler cannot build with -fsanitize=${ARKWELL_SANITIZE}")
     endif()
     set(sanitize_flags -fsanitize=${ARKWELL_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
-    # What is tested is optimised a little, so that the tests take no longer than they must; the tests' own code is not:
-    # the compiler would take three times as long over it.
-    target_compile_options(arkwell-build-options INTERFACE
-        ${sanitize_flags} $<$<NOT:$<BOOL:$<TARGET_PROPERTY:ARKWELL_TEST>>>:-O1>)
+    target_compile_options(arkwell-build-options INTERFACE ${sanitize_flags} -O1)
     target_link_options(arkwell-build-options INTERFACE ${sanitize_flags})
 endif()
+# The tests' own code is not optimised and has only what backtraces need: the compiler would take up to three times as
+# long over it, and what is tested is optimised in any case.
+target_compile_options(arkwell-build-options INTERFACE "$<$<BOOL:$<TARGET_PROPERTY:ARKWELL_TEST>>:-O0;-g1>")
 
 configure_file(${PROJECT_SOURCE_DIR}/cmake/InstallationPaths.h.in
                ${PROJECT_BINARY_DIR}/generated/InstallationPaths.h @ONLY)
