@@ -8,6 +8,7 @@
 #include "rbac/enforcement/DiskAccessChecker.h"
 
 #include <rbac/AccessCache.h>
+#include <rbac/BulkAccess.h>
 
 #include <benchmark/benchmark.h>
 #include <boost/make_shared.hpp>
@@ -18,6 +19,8 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <array>
+#include <cstdint>
 #include <filesystem>
 #include <iostream>
 #include <memory>
@@ -31,6 +34,7 @@ using bench::BenchCache;
 constexpr std::size_t MILLION = 1'000'000;
 constexpr std::size_t WARM_SET = 1'000;
 constexpr std::size_t RANDOM_SET = 1U << 18U;
+constexpr std::size_t MANY = 100;
 constexpr int VIEW = 0;
 
 /// What every benchmark here works on: the cache of a million objects and questions about it.
@@ -117,6 +121,25 @@ void checkScattered6(benchmark::State& state) {
 }
 void checkRandom(benchmark::State& state) {
     checkInTurn(state, Setting::get().random);
+}
+
+/// A hundred objects in each call.
+void checkManyInTurn(benchmark::State& state, const std::vector<ObjectNamespace>& objects) {
+    const DiskAccessChecker& checker = Setting::get().checker;
+    std::array<bool, MANY> allowed{};
+    std::size_t next = 0;
+    for (auto _ : state) {
+        checkAccessToAll(checker, objects.data() + next, MANY, allowed.data());
+        benchmark::DoNotOptimize(allowed);
+        next = next + 2 * MANY > objects.size() ? 0 : next + MANY;
+    }
+    state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(MANY));
+}
+void checkManyNeighbours(benchmark::State& state) {
+    checkManyInTurn(state, Setting::get().warm6);
+}
+void checkManyRandom(benchmark::State& state) {
+    checkManyInTurn(state, Setting::get().random);
 }
 
 void lookupRandom(benchmark::State& state) {
@@ -240,6 +263,8 @@ BENCHMARK(checkWarm6)->Threads(2)->UseRealTime();
 BENCHMARK(checkScattered6);
 BENCHMARK(checkRandom);
 BENCHMARK(checkWarm20);
+BENCHMARK(checkManyNeighbours);
+BENCHMARK(checkManyRandom);
 BENCHMARK(lookupRandom);
 BENCHMARK(lmdbGetRandom);
 BENCHMARK(openThousand);
@@ -257,6 +282,8 @@ int main(int argc, char** argv) {
     comparison.expectAtMost("checkRandom", 2.2, "floorSystemCalls");
     comparison.expectAtMost("checkWarm20", 1.9, "floorSystemCalls");
     comparison.expectAtMost("checkWarm20", 1.3, "checkWarm6");
+    comparison.expectAtMost("checkManyNeighbours", 0.20 * MANY, "floorSystemCalls");
+    comparison.expectAtMost("checkManyRandom", 1.0 * MANY, "floorSystemCalls");
     comparison.expectRateAtLeast("checkWarm6/threads:2", 1.8, "checkWarm6");
     comparison.expectAtMost("lookupRandom", 1.0, "lmdbGetRandom");
     comparison.expectAtMost("openMillion", 2.0, "openThousand");

@@ -34,13 +34,29 @@ inline bool anyRoleHolds(const CacheView& cache, const ManagedObject& record, Ro
                            roles + question.roleIds.size(), question.operationBit);
 }
 
-/// Whether the operation is allowed on the object with the given text. The one place where that is decided.
+/// What a namespace on the way says.
+enum class StepOutcome {
+    GRANTED,   ///< one of the roles holds the operation
+    STOPPED,   ///< none does, and the namespace takes nothing from its ancestors
+    PASSED_ON  ///< none does, but the ancestors are to be asked
+};
+
+/// Asks one namespace on the way to the answer. The one place where that is decided.
+inline StepOutcome askStep(const CacheView& cache, const ManagedObject& record, RoleTree tree,
+                           const AccessQuestion& question) {
+    if (anyRoleHolds(cache, record, tree, question)) {
+        return StepOutcome::GRANTED;
+    }
+    return record.inherit == 0 ? StepOutcome::STOPPED : StepOutcome::PASSED_ON;
+}
+
+/// Whether the operation is allowed on the object with the given text.
 ///
 /// The object's own role tree is asked first, then the child role trees of its ancestors, nearest first, until a role
 /// holds the operation (yes) or a namespace does not inherit (no). Namespaces that the cache does not hold are passed
 /// over; beyond the root the answer is no.
 ///
-/// @param onStep called as onStep(pathRecord, tree, granted) for each namespace that is asked, in that order.
+/// @param onStep called as onStep(pathRecord, tree, outcome) for each namespace that is asked, in that order.
 template <class OnStep>
 bool walkAccess(const CacheView& cache, const std::string& text, const AccessQuestion& question, OnStep onStep) {
     PathRecords path;
@@ -54,10 +70,10 @@ bool walkAccess(const CacheView& cache, const std::string& text, const AccessQue
     });
     for (auto step = path.rbegin(); step != path.rend(); ++step) {
         const RoleTree tree = step->textLength == text.size() ? RoleTree::OWN : RoleTree::CHILD;
-        const bool granted = anyRoleHolds(cache, *step->record, tree, question);
-        onStep(*step, tree, granted);
-        if (granted || step->record->inherit == 0) {
-            return granted;
+        const StepOutcome outcome = askStep(cache, *step->record, tree, question);
+        onStep(*step, tree, outcome);
+        if (outcome != StepOutcome::PASSED_ON) {
+            return outcome == StepOutcome::GRANTED;
         }
     }
     return false;

@@ -6,6 +6,7 @@
 
 #include <boost/shared_ptr.hpp>
 
+#include <cstddef>
 #include <cstdint>
 #include <set>
 #include <vector>
@@ -20,6 +21,9 @@ public:
     ~DiskAccessChecker() override;
 
     bool checkAccess(const ObjectNamespace& object) const override;
+
+    /// Answers for many objects from one state of the cache.
+    void checkAccess(const ObjectNamespace* objects, std::size_t count, bool* allowed) const;
 
 private:
     boost::shared_ptr<const AccessCache> cache_;

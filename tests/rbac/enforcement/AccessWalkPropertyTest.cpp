@@ -4,6 +4,7 @@
 #include "testing/TemporaryDirectory.h"
 
 #include <rbac/AccessCache.h>
+#include <rbac/BulkAccess.h>
 
 #include <boost/make_shared.hpp>
 #include <gtest/gtest.h>
@@ -24,6 +25,7 @@
 // each ancestor of its own.
 
 using Tesmor::Arkwell::Rbac::AccessCache;
+using Tesmor::Arkwell::Rbac::checkAccessToAll;
 using Tesmor::Arkwell::Rbac::DiskAccessChecker;
 using Tesmor::Arkwell::Rbac::ManagedObject;
 using Tesmor::Arkwell::Rbac::Manifest;
@@ -32,6 +34,7 @@ using Tesmor::Arkwell::Rbac::Operation;
 using Tesmor::Arkwell::Rbac::detail::CacheAccess;
 using Tesmor::Arkwell::Rbac::detail::PathRecord;
 using Tesmor::Arkwell::Rbac::detail::RoleTree;
+using Tesmor::Arkwell::Rbac::detail::StepOutcome;
 using Tesmor::Arkwell::Rbac::detail::walkAccess;
 using testing_support::Grant;
 using testing_support::Grants;
@@ -170,10 +173,11 @@ Answer answerByWalk(const AccessCache::Reader& reader, const Question& question)
     const std::string& text = object.str();
     const std::vector<int> roles(question.roles.begin(), question.roles.end());
     Answer answer;
-    answer.allowed = walkAccess(CacheAccess::view(reader), text, {roles, question.operation},
-                                [&](const PathRecord& step, RoleTree tree, bool granted) {
-                                    answer.steps.push_back({depthOf(text, step.textLength), tree, granted});
-                                });
+    answer.allowed =
+        walkAccess(CacheAccess::view(reader), text, {roles, question.operation},
+                   [&](const PathRecord& step, RoleTree tree, StepOutcome outcome) {
+                       answer.steps.push_back({depthOf(text, step.textLength), tree, outcome == StepOutcome::GRANTED});
+                   });
     return answer;
 }
 
@@ -334,6 +338,26 @@ public:
         return expected.allowed;
     }
 
+    /// Compares the answers for many objects at once with the model's.
+    void checkMany(std::size_t count) {
+        open();
+        Question question = this->question();
+        std::vector<ObjectNamespace> objects;
+        std::vector<bool> expected;
+        for (std::size_t i = 0; i < count; ++i) {
+            // Now and then another one in the same folder, or the same again.
+            if (i == 0 || !dice_.once(2)) {
+                question.object = this->question().object;
+            } else if (!question.object.empty() && !dice_.once(4)) {
+                question.object.back() = dice_.knownComponent();
+            }
+            objects.push_back(namespaceOf(question.object));
+            expected.push_back(model_.answer(question).allowed);
+        }
+        const DiskAccessChecker checker(cache_, question.roles, Operation(question.operation), 0);
+        EXPECT_TRUE(checkAccessToAll(checker, objects) == expected) << question;
+    }
+
     Dice& dice() { return dice_; }
 
 private:
@@ -369,6 +393,14 @@ TEST_P(AccessWalkProperty, OneDescentAnswersAsLookupsOfEachAncestorDo) {
     // Neither answer is so rare that nothing is shown.
     EXPECT_GT(allowed, QUESTIONS / 50);
     EXPECT_LT(allowed, QUESTIONS - QUESTIONS / 50);
+}
+
+TEST_P(AccessWalkProperty, ManyObjectsAreAnsweredAsOneIs) {
+    SCOPED_TRACE("seed " + std::to_string(GetParam()));
+    World world(GetParam());
+    for (int i = 0; i < 150 && !HasFailure(); ++i) {
+        world.checkMany(world.dice().below(150));
+    }
 }
 
 TEST_P(AccessWalkProperty, DeepObjectsToo) {

@@ -7,10 +7,12 @@
 
 #include <platform/FileLock.h>
 #include <rbac/AccessCache.h>
+#include <rbac/BulkAccess.h>
 
 #include <boost/make_shared.hpp>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <memory>
 #include <string>
@@ -106,6 +108,16 @@ protected:
         return a != b && p != nullptr && reader.getChildOperationBit(*p, ROLE, Operation(OPERATION)) == b;
     }
 
+    /// The same of many objects that are answered at once: from the first to the last they are of one policy.
+    bool manyLookRight() const {
+        std::vector<ObjectNamespace> objects(200, ALWAYS);
+        objects.front() = A;
+        objects.back() = B;
+        const std::vector<bool> allowed = Tesmor::Arkwell::Rbac::checkAccessToAll(*checker_, objects);
+        return allowed.front() != allowed.back() &&
+               std::count(allowed.begin(), allowed.end(), true) == static_cast<long>(objects.size()) - 1;
+    }
+
     bool answersRight() const { return checker_->checkAccess(ALWAYS) && !checker_->checkAccess(NEVER); }
 
     /// Runs `check` on several threads until `stop`, and counts the wrong answers.
@@ -173,7 +185,7 @@ TEST_F(CheckWhileWriting, EveryReaderSeesOnePolicy) {
         }
         return 0;
     });
-    Checkers checkers([this] { return looksRight() && answersRight(); });
+    Checkers checkers([this] { return looksRight() && answersRight() && manyLookRight(); });
     start.notify();
     EXPECT_EQ(writer.wait(), 0);
     checkers.stop();
