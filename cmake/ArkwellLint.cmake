@@ -9,6 +9,8 @@ file(GLOB_RECURSE lint_sources CONFIGURE_DEPENDS RELATIVE ${PROJECT_SOURCE_DIR}
 list(FILTER lint_sources EXCLUDE REGEX "^tests/install/")
 file(GLOB_RECURSE lint_headers CONFIGURE_DEPENDS
     include/*.h platform/*.h rbac/*.h jwt/*.h sandbox/*.h tools/*.h tests/*.h)
+file(GLOB_RECURSE lint_settings CONFIGURE_DEPENDS tests/.clang-tidy sandbox/.clang-tidy)
+list(APPEND lint_settings ${PROJECT_SOURCE_DIR}/.clang-tidy)
 
 set(lint_stamps)
 foreach(source ${lint_sources})
@@ -19,7 +21,7 @@ foreach(source ${lint_sources})
         COMMAND ${CLANG_TIDY} --quiet -p ${PROJECT_BINARY_DIR} --extra-arg=-Wno-unknown-warning-option --extra-arg=-DFUZZ_DATA=\"\"
                 ${PROJECT_SOURCE_DIR}/${source}
         COMMAND ${CMAKE_COMMAND} -E touch ${stamp}
-        DEPENDS ${PROJECT_SOURCE_DIR}/${source} ${lint_headers} ${PROJECT_SOURCE_DIR}/.clang-tidy
+        DEPENDS ${PROJECT_SOURCE_DIR}/${source} ${lint_headers} ${lint_settings}
         COMMENT "Linting ${source}"
         VERBATIM)
     list(APPEND lint_stamps ${stamp})

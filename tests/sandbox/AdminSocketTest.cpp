@@ -32,17 +32,17 @@ public:
     ~Deadline() { alarm(0); }
 };
 
+/// A client that has said nothing yet.
+void connectTo(const std::string& folder, const Descriptor& client) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    const std::string path = folder + "/admin.sock";
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    ASSERT_EQ(connect(client.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+}
+
 class AdminSocketTest : public testing::Test {
 protected:
-    /// A client that has said nothing yet.
-    void connectTo(const Descriptor& client) const {
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        const std::string path = directory_ / "admin.sock";
-        path.copy(address.sun_path, sizeof address.sun_path - 1);
-        ASSERT_EQ(connect(client.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-    }
-
     std::unique_ptr<AdminSocket> open() const {
         return std::make_unique<AdminSocket>(directory_.path(),
                                              [](const std::string& command) { return "did " + command; });
@@ -79,7 +79,7 @@ TEST_F(AdminSocketTest, AnswersOthersBesideAClientThatSaysNothing) {
     const LogCapture log;
     const auto commands = open();
     const Descriptor silent = makeClient();
-    connectTo(silent);
+    connectTo(directory_.path(), silent);
     EXPECT_EQ(askService(directory_.path(), "this"), std::string("did this"));
 }
 
@@ -87,7 +87,7 @@ TEST_F(AdminSocketTest, EndsBesideAClientThatSaysNothing) {
     const LogCapture log;
     auto commands = open();
     const Descriptor silent = makeClient();
-    connectTo(silent);
+    connectTo(directory_.path(), silent);
     commands.reset();
     EXPECT_FALSE(askService(directory_.path(), "this"));
 }
@@ -96,7 +96,7 @@ TEST_F(AdminSocketTest, CarriesOutNothingOfAClientThatDoesNotFinish) {
     const LogCapture log;
     const auto commands = open();
     const Descriptor slow = makeClient();
-    connectTo(slow);
+    connectTo(directory_.path(), slow);
     ASSERT_EQ(send(slow.get(), "half", 4, 0), 4);
     char answer = 0;
     EXPECT_EQ(recv(slow.get(), &answer, 1, 0), 0);
@@ -109,13 +109,14 @@ TEST_F(AdminSocketTest, GoesOnWhenThereAreDescriptorsAgain) {
     const auto commands = open();
     {
         const Descriptor waiting = makeClient();
+        const std::string folder = directory_.path();
         rlimit before{};
         ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
         rlimit none = before;
         none.rlim_cur = 0;
         ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
         // The descriptor of the accept() that waits already was taken before.
-        connectTo(waiting);
+        connectTo(folder, waiting);
         shutdown(waiting.get(), SHUT_WR);
         EXPECT_TRUE(waitForLine(log));
         ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);

@@ -90,3 +90,25 @@ void operator delete(void* memory, std::size_t /*size*/) noexcept {
 void operator delete(void* memory, const std::nothrow_t& /*tag*/) noexcept {
     testing_support::release(memory);
 }
+
+// The library's own for arrays come down to these, but those of the address sanitizer do not.
+
+void* operator new[](std::size_t size) {
+    return operator new(size);
+}
+
+void* operator new[](std::size_t size, const std::nothrow_t& tag) noexcept {
+    return operator new(size, tag);
+}
+
+void operator delete[](void* memory) noexcept {
+    testing_support::release(memory);
+}
+
+void operator delete[](void* memory, std::size_t /*size*/) noexcept {
+    testing_support::release(memory);
+}
+
+void operator delete[](void* memory, const std::nothrow_t& /*tag*/) noexcept {
+    testing_support::release(memory);
+}
