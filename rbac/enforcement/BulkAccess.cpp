@@ -22,7 +22,8 @@ void checkAccessToAll(const AccessChecker& checker, const ObjectNamespace* objec
 std::vector<bool> checkAccessToAll(const AccessChecker& checker, const std::vector<ObjectNamespace>& objects) {
     const auto allowed = std::make_unique<bool[]>(objects.size());
     checkAccessToAll(checker, objects.data(), objects.size(), allowed.get());
-    return std::vector<bool>(allowed.get(), allowed.get() + objects.size());
+    std::vector<bool> answers(allowed.get(), allowed.get() + objects.size());
+    return answers;
 }
 
 }  // namespace Tesmor::Arkwell::Rbac
