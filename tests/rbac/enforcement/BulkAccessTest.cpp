@@ -1,6 +1,5 @@
 #include "rbac/enforcement/ConstantAccessChecker.h"
 #include "rbac/enforcement/DiskAccessChecker.h"
-#include "testing/LogCapture.h"
 #include "testing/RawCache.h"
 #include "testing/TemporaryDirectory.h"
 
@@ -15,7 +14,6 @@
 
 using namespace Tesmor::Arkwell::Rbac;
 using testing_support::Grants;
-using testing_support::LogCapture;
 using testing_support::RawCache;
 using testing_support::TemporaryDirectory;
 
