@@ -18,7 +18,8 @@ if(ARKWELL_SANITIZE)
     if(ARKWELL_SANITIZE STREQUAL "thread")
         list(APPEND sanitize_flags -O1)
     endif()
-    target_compile_options(arkwell-build-options INTERFACE ${sanitize_flags})
+    # Their reports name functions and lines, for which the short debug information is enough.
+    target_compile_options(arkwell-build-options INTERFACE ${sanitize_flags} -g1)
     target_link_options(arkwell-build-options INTERFACE ${sanitize_flags})
 endif()
 # The tests' own code is not optimised and has only what backtraces need: the compiler would take up to three times as
