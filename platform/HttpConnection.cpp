@@ -280,7 +280,7 @@ HttpResponse HttpConnection::takeResponse() {
     return std::move(exchange_.response);
 }
 
-HttpResponse HttpConnection::perform(const HttpRequest& request, const Settings::Http& limits) {
+CURLcode HttpConnection::attempt(const HttpRequest& request, const Settings::Http& limits, bool onKeptConnection) {
     exchange_ = HttpExchange();
     exchange_.idempotent = request.method.idempotent;
     exchange_.upload = request.upload;
@@ -290,11 +290,25 @@ HttpResponse HttpConnection::perform(const HttpRequest& request, const Settings:
     const CurlList headers = headersOf(request);
     set(CURLOPT_URL, request.url.c_str());
     set(CURLOPT_HTTPHEADER, headers.get());
-    set(CURLOPT_FRESH_CONNECT, isIdle() ? 0L : 1L);
+    set(CURLOPT_FRESH_CONNECT, onKeptConnection ? 0L : 1L);
     setMethod(request);
     setLimits(limits);
+    return curl_easy_perform(handle_.get());
+}
 
-    const CURLcode code = curl_easy_perform(handle_.get());
+bool HttpConnection::brokeUnanswered(CURLcode code) const {
+    const bool broke = code == CURLE_SEND_ERROR || code == CURLE_RECV_ERROR || code == CURLE_GOT_NOTHING;
+    return broke && exchange_.sendings <= 1 && exchange_.headerBytes == 0 && exchange_.response.body.empty();
+}
+
+HttpResponse HttpConnection::perform(const HttpRequest& request, const Settings::Http& limits) {
+    const bool wasKept = isIdle();
+    CURLcode code = attempt(request, limits, wasKept);
+    // libcurl itself starts again where it cannot read the answer, but not where the connection breaks in the midst of
+    // a body.
+    if (wasKept && request.method.idempotent && brokeUnanswered(code)) {
+        code = attempt(request, limits, false);
+    }
     if (isResolverLeftBehind(code, handle_.get())) {
         keepLibcurlLoaded();
     }

@@ -61,6 +61,9 @@ private:
     void setMethod(const HttpRequest& request);
     curl_socket_t socket() const;
     bool isIdle() const;
+    CURLcode attempt(const HttpRequest& request, const Settings::Http& limits, bool onKeptConnection);
+    /// Whether the first attempt ended in a broken connection before anything came back.
+    bool brokeUnanswered(CURLcode code) const;
     bool isPerhapsCutShort() const;
     HttpResponse takeResponse();
 

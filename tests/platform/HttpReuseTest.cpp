@@ -236,6 +236,37 @@ TEST_F(RequestOnBreakingConnection, DoesNotDisturbTheNextOne) {
     EXPECT_THAT(lines(), testing::ElementsAre("GET /first HTTP/1.1", "POST /a HTTP/1.1", "POST /b HTTP/1.1"));
 }
 
+TEST_F(HttpReuse, ARequestWhoseKeptConnectionBreaksInTheMidstIsSentAgainIfItMayBe) {
+    const std::string body(8'000'000, 'x');
+    const Server server(fixture.options(), [](Connection& c) {
+        answerOne(c);
+        if (c.number() % 2 == 1) {
+            c.readBytes(10);
+            c.reset();
+        } else {
+            answerAll(c);
+        }
+    });
+    AWClientCURL client("localhost", server.port(), SESSION_SERVICE, CERT_HOST);
+    ASSERT_EQ(0, client.Get("first"));
+    EXPECT_EQ(0, client.Put("a", body));
+    EXPECT_EQ(body, server.requests().back().body);
+    EXPECT_EQ(2, server.connections());
+}
+
+TEST_F(HttpReuse, ARequestWhoseKeptConnectionBreaksInTheMidstIsSentOnceIfItMustNotBeTwice) {
+    const std::string body(8'000'000, 'x');
+    const Server server(fixture.options(), [](Connection& c) {
+        answerOne(c);
+        c.readBytes(10);
+        c.reset();
+    });
+    AWClientCURL client("localhost", server.port(), SESSION_SERVICE, CERT_HOST);
+    ASSERT_EQ(0, client.Get("first"));
+    EXPECT_EQ(platform_status::HTTP_CONNECTION_CLOSED, client.Post("a", body));
+    EXPECT_EQ(1U, server.requests().size());
+}
+
 TEST_F(HttpReuse, AConnectionThatFailedIsClosed) {
     const Server server(options(), [](Connection& c) {
         c.read();
