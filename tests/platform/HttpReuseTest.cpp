@@ -250,7 +250,7 @@ TEST_F(HttpReuse, ARequestWhoseKeptConnectionBreaksInTheMidstIsSentAgainIfItMayB
     AWClientCURL client("localhost", server.port(), SESSION_SERVICE, CERT_HOST);
     ASSERT_EQ(0, client.Get("first"));
     EXPECT_EQ(0, client.Put("a", body));
-    EXPECT_EQ(body, server.requests().back().body);
+    EXPECT_TRUE(server.requests().back().body == body);
     EXPECT_EQ(2, server.connections());
 }
 
