@@ -6,8 +6,11 @@
 #include "bench/Corpus.h"
 #include "platform/Handles.h"
 #include "rbac/enforcement/DiskAccessChecker.h"
+#include "rbac/enforcement/DiskAccessControlClient.h"
 
 #include <rbac/AccessCache.h>
+#include <rbac/AccessExplanation.h>
+#include <rbac/AccessLists.h>
 #include <rbac/BulkAccess.h>
 
 #include <benchmark/benchmark.h>
@@ -22,8 +25,10 @@
 #include <array>
 #include <cstdint>
 #include <filesystem>
+#include <fstream>
 #include <iostream>
 #include <memory>
+#include <numeric>
 #include <stdexcept>
 
 namespace {
@@ -140,6 +145,67 @@ void checkManyNeighbours(benchmark::State& state) {
 }
 void checkManyRandom(benchmark::State& state) {
     checkManyInTurn(state, Setting::get().random);
+}
+
+/// A client over the same cache, for which VIEW is the operation that the checks ask for.
+class Client {
+public:
+    Client() : operations_(operationsFile()), client_(ObjectNamespace(), Setting::get().opened, operations_) {}
+
+    static AccessControlClient& get() {
+        static Client client;
+        return client.client_;
+    }
+
+private:
+    static std::string operationsFile() {
+        std::string path = Setting::get().cache.directory() + "/operations.json";
+        std::ofstream(path) << R"({"|OPERATIONS|VIEW|": )" << VIEW << "}";
+        return path;
+    }
+
+    OperationCache operations_;
+    DiskAccessControlClient client_;
+};
+
+void explainWarm6(benchmark::State& state) {
+    const std::vector<ObjectNamespace>& objects = Setting::get().warm6;
+    const std::set<int> roles = Setting::roles();
+    std::size_t next = 0;
+    for (auto _ : state) {
+        AccessExplanation explanation;
+        explainAccess(Client::get(), roles, root_namespaces::operations::VIEW, objects[next], explanation);
+        benchmark::DoNotOptimize(explanation.allowed);
+        next = next + 1 == objects.size() ? 0 : next + 1;
+    }
+}
+
+void listVisible(benchmark::State& state) {
+    const std::set<int> roles = Setting::roles();
+    std::int64_t listed = 0;
+    for (auto _ : state) {
+        forEachAllowedObject(Client::get(), roles, root_namespaces::operations::VIEW, {},
+                             [&listed](const std::string&) {
+                                 ++listed;
+                                 return true;
+                             });
+    }
+    state.counters["objects"] = static_cast<double>(listed) / static_cast<double>(state.iterations());
+    state.SetItemsProcessed(listed);
+}
+
+/// Every byte that a walk over all objects and their texts needs.
+void readFiles(benchmark::State& state) {
+    const std::string folder = Setting::get().cache.directory() + "/";
+    for (auto _ : state) {
+        for (const std::string& path :
+             {folder + AccessCache::OBJECT_FILE_NAME, folder + AccessCache::SEGMENT_FILE_NAME}) {
+            const detail::MemoryMap map(path);
+            const auto* const words = reinterpret_cast<const std::uint64_t*>(map.base());
+            benchmark::DoNotOptimize(
+                std::accumulate(words, words + map.mapped_size() / sizeof *words, std::uint64_t{0}));
+        }
+    }
 }
 
 void lookupRandom(benchmark::State& state) {
@@ -265,6 +331,9 @@ BENCHMARK(checkRandom);
 BENCHMARK(checkWarm20);
 BENCHMARK(checkManyNeighbours);
 BENCHMARK(checkManyRandom);
+BENCHMARK(explainWarm6);
+BENCHMARK(listVisible);
+BENCHMARK(readFiles);
 BENCHMARK(lookupRandom);
 BENCHMARK(lmdbGetRandom);
 BENCHMARK(openThousand);
@@ -284,6 +353,8 @@ int main(int argc, char** argv) {
     comparison.expectAtMost("checkWarm20", 1.3, "checkWarm6");
     comparison.expectAtMost("checkManyNeighbours", 0.20 * MANY, "floorSystemCalls");
     comparison.expectAtMost("checkManyRandom", 1.0 * MANY, "floorSystemCalls");
+    comparison.expectAtMost("explainWarm6", 3.0, "checkWarm6");
+    comparison.show("listVisible", "readFiles");
     comparison.expectRateAtLeast("checkWarm6/threads:2", 1.8, "checkWarm6");
     comparison.expectAtMost("lookupRandom", 1.0, "lmdbGetRandom");
     comparison.expectAtMost("openMillion", 2.0, "openThousand");

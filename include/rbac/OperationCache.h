@@ -9,6 +9,9 @@
 #include <map>
 #include <mutex>
 #include <shared_mutex>
+#include <string>
+#include <utility>
+#include <vector>
 
 namespace Tesmor {
 namespace Arkwell {
@@ -34,6 +37,8 @@ class ARKWELL_EXPORT OperationCache {
 public:
     /// Empty; reads nothing.
     OperationCache();
+    /// The same over another file, such as a copy of the service's.
+    explicit OperationCache(std::string path);
     ~OperationCache();
     OperationCache(const OperationCache&) = delete;
     OperationCache& operator=(const OperationCache&) = delete;
@@ -48,11 +53,15 @@ public:
     /// The operation named `ns`, or none where the service knows no such operation. Throws what load() throws.
     boost::optional<Operation> operator[](const ObjectNamespace& ns);
 
+    /// What has been read so far, in the order of the namespaces.
+    std::vector<std::pair<ObjectNamespace, Operation>> known() const;
+
 private:
     boost::optional<Operation> find(const ObjectNamespace& ns) const;
     void readFile();
     void add(ObjectNamespace ns, Operation operation);
 
+    std::string path_;
     std::map<ObjectNamespace, Operation> operations_;
     mutable std::shared_mutex mutex_;  // guards operations_
     std::mutex reading_;               // one thread reads the file; what is known is found meanwhile

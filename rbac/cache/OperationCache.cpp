@@ -20,7 +20,7 @@ namespace {
 
 using platform_detail::JsonPointer;
 
-constexpr char PATH[] = TARVO_ROOT "/wmc/webserver/temp/operation-cache.json";
+constexpr char SERVICE_FILE[] = TARVO_ROOT "/wmc/webserver/temp/operation-cache.json";
 constexpr int STATUS_NOT_LOADED = 13;
 constexpr long WITHOUT_LIMIT = -1;
 
@@ -29,9 +29,9 @@ constexpr long WITHOUT_LIMIT = -1;
     throw EC_exception(STATUS_NOT_LOADED);
 }
 
-FileLockGuard lockFile() {
+FileLockGuard lockFile(const std::string& path) {
     try {
-        const FileLock lock = FileLockManager::instance().getLock(std::string(PATH) + ".lck");
+        const FileLock lock = FileLockManager::instance().getLock(path + ".lck");
         return {lock, FileLockGuard::SHARED, WITHOUT_LIMIT, FileLock::DEFAULT_INTERVAL};
     } catch (const EC_exception& failure) {
         // Where the folder is missing, so is the file.
@@ -39,9 +39,9 @@ FileLockGuard lockFile() {
     }
 }
 
-JsonPointer parseFile() {
+JsonPointer parseFile(const std::string& path) {
     json_error_t error{};
-    JsonPointer document(json_load_file(PATH, 0, &error));
+    JsonPointer document(json_load_file(path.c_str(), 0, &error));
     if (!document) {
         failLoading(error.text);
     }
@@ -50,7 +50,9 @@ JsonPointer parseFile() {
 
 }  // namespace
 
-OperationCache::OperationCache() = default;
+OperationCache::OperationCache() : OperationCache(SERVICE_FILE) {}
+
+OperationCache::OperationCache(std::string path) : path_(std::move(path)) {}
 
 OperationCache::~OperationCache() = default;
 
@@ -79,6 +81,11 @@ boost::optional<Operation> OperationCache::operator[](const ObjectNamespace& ns)
     return boost::none;
 }
 
+std::vector<std::pair<ObjectNamespace, Operation>> OperationCache::known() const {
+    const std::shared_lock<std::shared_mutex> shared(mutex_);
+    return {operations_.begin(), operations_.end()};
+}
+
 boost::optional<Operation> OperationCache::find(const ObjectNamespace& ns) const {
     const std::shared_lock<std::shared_mutex> shared(mutex_);
     const auto entry = operations_.find(ns);
@@ -89,8 +96,8 @@ boost::optional<Operation> OperationCache::find(const ObjectNamespace& ns) const
 }
 
 void OperationCache::readFile() {
-    const FileLockGuard lock = lockFile();
-    const JsonPointer document = parseFile();
+    const FileLockGuard lock = lockFile(path_);
+    const JsonPointer document = parseFile(path_);
 
     const char* key = nullptr;
     json_t* value = nullptr;

@@ -1,5 +1,6 @@
 #include "rbac/enforcement/DiskAccessControlClient.h"
 
+#include "rbac/enforcement/ClientQuery.h"
 #include "rbac/enforcement/ConstantAccessChecker.h"
 #include "rbac/enforcement/DiskAccessChecker.h"
 
@@ -18,7 +19,6 @@ namespace {
 
 constexpr char TAG[] = "DiskAccessControlClient::createAccessChecker";
 constexpr int OUT_OF_MEMORY = 36;
-constexpr int ALL_POWERFUL_ROLE = 0;
 
 }  // namespace
 
@@ -52,7 +52,7 @@ int DiskAccessControlClient::createAccessChecker(const std::set<int>& roleIds, c
         // An operation that the service does not know is denied to everybody, before any role is looked at.
         if (!known) {
             checker = boost::make_shared<ConstantAccessChecker<false>>();
-        } else if (roleIds.count(ALL_POWERFUL_ROLE) != 0) {
+        } else if (roleIds.count(detail::ALL_POWERFUL_ROLE) != 0) {
             checker = boost::make_shared<ConstantAccessChecker<true>>();
         } else {
             checker = boost::make_shared<DiskAccessChecker>(cache_, roleIds, *known, option);

@@ -26,6 +26,9 @@ public:
     int createAccessChecker(const std::set<int>& roleIds, const ObjectNamespace& operation, int option,
                             boost::shared_ptr<const AccessChecker>& checker) override;
 
+    const AccessCache& cache() const { return *cache_; }
+    OperationCache& operations() const { return operations_; }
+
 private:
     ObjectNamespace scope_;
     boost::shared_ptr<const AccessCache> cache_;

@@ -529,3 +529,22 @@ TEST_F(OperationCacheTest, FailureInOneThreadDoesNotBlockTheOthers) {
     writeFile(PATH, R"({"|A|": 1})");
     EXPECT_EQ(lookupText(cache_, ObjectNamespace("A")), "1");
 }
+
+TEST_F(OperationCacheTest, ReadsTheFileThatItIsMadeFor) {
+    const testing_support::TemporaryDirectory directory;
+    writeFile(directory / "copy.json", R"({"|OPERATIONS|VIEW|": 9})");
+    OperationCache copy(directory / "copy.json");
+    EXPECT_EQ(lookupText(copy, operations::VIEW), "9");
+    EXPECT_FALSE(std::filesystem::exists(LOCK_PATH));
+}
+
+TEST_F(OperationCacheTest, KnownOperationsAreInTheOrderOfTheirNamespaces) {
+    EXPECT_TRUE(cache_.known().empty());
+    writeFile(PATH, R"({"|OPERATIONS|VIEW|": 7, "|OPERATIONS|ADD|": 8, "|OPERATIONS|": 1})");
+    cache_.load();
+    std::vector<std::string> texts;
+    for (const auto& [name, operation] : cache_.known()) {
+        texts.push_back(name.str() + " " + std::to_string(operation.bitNumber()));
+    }
+    EXPECT_EQ(texts, (std::vector<std::string>{"|OPERATIONS| 1", "|OPERATIONS|ADD| 8", "|OPERATIONS|VIEW| 7"}));
+}

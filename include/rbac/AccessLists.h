@@ -1,0 +1,58 @@
+#pragma once
+
+#include <platform/Export.h>
+#include <rbac/AccessControlClient.h>
+#include <rbac/ObjectNamespace.h>
+
+#include <functional>
+#include <set>
+#include <string>
+
+namespace Tesmor {
+namespace Arkwell {
+namespace Rbac {
+
+// Lists from the access cache of a client, each complete, in an order that stays the same, from one state of the cache,
+// and in memory that does not grow with it.
+//
+// The cache's lock is held while a list is visited, which keeps a writer waiting: a visitor must be quick, and returns
+// false when it has had enough. It must not ask the same cache, for a waiting writer would then wait for the visitor
+// and the visitor for the writer.
+//
+// Each returns 0, or the status with which createAccessChecker() would fail; nothing is then visited. An operation that
+// the service does not know is allowed nowhere and to nobody.
+//
+// They throw std::invalid_argument for a client that reads no access cache (enforcement is off, or the client is a
+// program's own), what AccessChecker::checkAccess() throws, and what the visitor throws. They may be called from
+// several threads at once.
+
+/// Visits the objects at and below `below` on which the roles may perform the operation, of those that the cache holds,
+/// in the bytewise order of their texts.
+///
+///     std::vector<std::string> hosts;
+///     forEachAllowedObject(client, roles, root_namespaces::operations::VIEW, root_namespaces::ASSETS,
+///                          [&](const std::string& text) { hosts.push_back(text); return hosts.size() < 1000; });
+///
+/// @param visit called with the text of each object; whether to go on.
+ARKWELL_EXPORT int forEachAllowedObject(AccessControlClient& client, const std::set<int>& roleIds,
+                                        const ObjectNamespace& operation, const ObjectNamespace& below,
+                                        const std::function<bool(const std::string& objectText)>& visit);
+
+/// Visits the roles that may perform the operation on the object, ascending. Role 0, which may do everything, is always
+/// one of them.
+///
+/// @param visit called with each role id; whether to go on.
+ARKWELL_EXPORT int forEachAllowedRole(AccessControlClient& client, const ObjectNamespace& operation,
+                                      const ObjectNamespace& object, const std::function<bool(int roleId)>& visit);
+
+/// Visits the operations that the roles may perform on the object, of those that the service knows, in the order of
+/// their namespaces.
+///
+/// @param visit called with each operation; whether to go on.
+ARKWELL_EXPORT int forEachAllowedOperation(AccessControlClient& client, const std::set<int>& roleIds,
+                                           const ObjectNamespace& object,
+                                           const std::function<bool(const ObjectNamespace& operation)>& visit);
+
+}  // namespace Rbac
+}  // namespace Arkwell
+}  // namespace Tesmor
