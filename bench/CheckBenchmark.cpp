@@ -183,6 +183,7 @@ void explainWarm6(benchmark::State& state) {
 void listVisible(benchmark::State& state) {
     const std::set<int> roles = Setting::roles();
     std::int64_t listed = 0;
+    const bench::AllocationCount before = bench::allocations();
     for (auto _ : state) {
         forEachAllowedObject(Client::get(), roles, root_namespaces::operations::VIEW, {},
                              [&listed](const std::string&) {
@@ -190,7 +191,9 @@ void listVisible(benchmark::State& state) {
                                  return true;
                              });
     }
-    state.counters["objects"] = static_cast<double>(listed) / static_cast<double>(state.iterations());
+    const auto lists = static_cast<double>(state.iterations());
+    state.counters["objects"] = static_cast<double>(listed) / lists;
+    state.counters["allocations"] = static_cast<double>(bench::allocations() - before) / lists;
     state.SetItemsProcessed(listed);
 }
 
