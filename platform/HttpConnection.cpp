@@ -20,10 +20,18 @@ namespace platform_detail {
 
 namespace {
 
-constexpr std::size_t MAX_HEADER_BYTES = 262144;
 constexpr std::string_view STATUS_LINE = "HTTP/";
 constexpr long NO_CONTENT = 204;
 constexpr long NOT_MODIFIED = 304;
+
+// What libcurl and this file make of the same time may differ by so much.
+constexpr std::chrono::milliseconds CLOCK_TOLERANCE{5};
+
+using Clock = std::chrono::steady_clock;
+
+std::chrono::milliseconds timeSince(Clock::time_point begin) {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - begin);
+}
 
 // libcurl's callbacks. No exception may pass through it.
 
@@ -31,7 +39,7 @@ std::size_t onBody(const char* data, std::size_t /*one*/, std::size_t size, void
     auto& exchange = *static_cast<HttpExchange*>(pointer);
     std::string& body = exchange.response.body;
     if (size > exchange.maxResponseBytes - body.size()) {
-        exchange.tooLarge = true;
+        exchange.bodyTooLarge = true;
         return 0;
     }
     try {
@@ -53,8 +61,8 @@ std::size_t onHeader(const char* line, std::size_t /*one*/, std::size_t size, vo
     } else if (text == "\r\n" || text == "\n") {
         exchange.headersEnded = true;
     }
-    exchange.tooLarge = exchange.headerBytes > MAX_HEADER_BYTES;
-    return exchange.tooLarge ? 0 : size;
+    exchange.headersTooLarge = exchange.headerBytes > MAX_HEADER_BYTES;
+    return exchange.headersTooLarge ? 0 : size;
 }
 
 std::size_t onUpload(char* buffer, std::size_t one, std::size_t capacity, void* pointer) {
@@ -67,16 +75,19 @@ std::size_t onUpload(char* buffer, std::size_t one, std::size_t capacity, void* 
 // connection breaks before any answer, whatever the method; the server may have acted on the first one by then.
 int onSend(void* pointer, char* /*remote*/, char* /*local*/, int /*remotePort*/, int /*localPort*/) {
     auto& exchange = *static_cast<HttpExchange*>(pointer);
+    exchange.connecting = false;
     ++exchange.sendings;
     exchange.resendRefused = exchange.sendings > 1 && !exchange.idempotent;
     return exchange.resendRefused ? CURL_PREREQFUNC_ABORT : CURL_PREREQFUNC_OK;
 }
 
 curl_socket_t onOpenSocket(void* pointer, curlsocktype /*purpose*/, curl_sockaddr* address) {
+    auto& exchange = *static_cast<HttpExchange*>(pointer);
+    exchange.connecting = true;
     try {
         return HttpSockets::instance().open(*address);
     } catch (const std::bad_alloc&) {
-        static_cast<HttpExchange*>(pointer)->outOfMemory = true;
+        exchange.outOfMemory = true;
         return CURL_SOCKET_BAD;
     }
 }
@@ -301,18 +312,29 @@ bool HttpConnection::brokeUnanswered(CURLcode code) const {
     return broke && exchange_.sendings <= 1 && exchange_.headerBytes == 0 && exchange_.response.body.empty();
 }
 
+CURLcode HttpConnection::attemptAgain(const HttpRequest& request, Settings::Http limits,
+                                      std::chrono::milliseconds passed) {
+    if (limits.timeout <= passed) {
+        return CURLE_OPERATION_TIMEDOUT;
+    }
+    limits.timeout -= passed;
+    return attempt(request, limits, false);
+}
+
 HttpResponse HttpConnection::perform(const HttpRequest& request, const Settings::Http& limits) {
+    const Clock::time_point begin = Clock::now();
     const bool wasKept = isIdle();
     CURLcode code = attempt(request, limits, wasKept);
     // libcurl itself starts again where it cannot read the answer, but not where the connection breaks in the midst of
     // a body.
     if (wasKept && request.method.idempotent && brokeUnanswered(code)) {
-        code = attempt(request, limits, false);
+        code = attemptAgain(request, limits, timeSince(begin));
     }
     if (isResolverLeftBehind(code, handle_.get())) {
         keepLibcurlLoaded();
     }
     if (code != CURLE_OK) {
+        exchange_.timeIsUp = limits.timeout <= timeSince(begin) + CLOCK_TOLERANCE;
         long systemError = 0;
         curl_easy_getinfo(handle_.get(), CURLINFO_OS_ERRNO, &systemError);
         // Closing reads what the server still had to say, such as why it refused a certificate.

@@ -9,6 +9,7 @@
 #include <curl/curl.h>
 
 #include <array>
+#include <chrono>
 #include <memory>
 #include <string>
 
@@ -43,8 +44,9 @@ public:
     /// Whether the connection outlasts a request.
     bool isKept() const { return sessions_ != nullptr; }
 
-    /// Sends the request and receives the response. On a connection that the server has closed meanwhile, an idempotent
-    /// request is sent again on a new one; any other is sent once at most.
+    /// Sends the request and receives the response, all of it within the limits. A connection that the server has
+    /// closed meanwhile is replaced first. Where a kept one breaks later, but before any answer, an idempotent request
+    /// is sent again on a new one; any other is sent once at most.
     ///
     /// @throws HttpFailure; the connection is not to be used any more then.
     HttpResponse perform(const HttpRequest& request, const Settings::Http& limits);
@@ -62,6 +64,8 @@ private:
     curl_socket_t socket() const;
     bool isIdle() const;
     CURLcode attempt(const HttpRequest& request, const Settings::Http& limits, bool onKeptConnection);
+    /// @param passed of the time for the whole request.
+    CURLcode attemptAgain(const HttpRequest& request, Settings::Http limits, std::chrono::milliseconds passed);
     /// Whether the first attempt ended in a broken connection before anything came back.
     bool brokeUnanswered(CURLcode code) const;
     bool isPerhapsCutShort() const;

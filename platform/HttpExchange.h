@@ -8,6 +8,8 @@
 
 namespace platform_detail {
 
+constexpr std::size_t MAX_HEADER_BYTES = 262144;
+
 /// One request and its response while they are under way: what libcurl's callbacks see and leave behind.
 struct HttpExchange {
     bool idempotent = true;
@@ -17,10 +19,13 @@ struct HttpExchange {
     HttpResponse response;
     std::size_t headerBytes = 0;
     bool headersEnded = false;
-    int sendings = 0;  // how often the request was begun to be sent
+    bool connecting = true;  // no connection is ready for the request
+    int sendings = 0;        // how often the request was begun to be sent
     bool resendRefused = false;
     bool endAnnounced = false;  // the server has said farewell by TLS
-    bool tooLarge = false;
+    bool timeIsUp = false;      // that of the whole request
+    bool headersTooLarge = false;
+    bool bodyTooLarge = false;
     bool outOfMemory = false;
     int tlsAlert = 0;       // what the server complained of by TLS; 0: nothing
     long verification = 0;  // what made the client complain of the server's certificate, as OpenSSL numbers it

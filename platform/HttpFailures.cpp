@@ -89,7 +89,7 @@ int statusOf(CURLcode code, long systemError, const HttpExchange& exchange) {
         case CURLE_COULDNT_CONNECT:
             return unconnectedStatus(systemError);
         case CURLE_OPERATION_TIMEDOUT:
-            return exchange.sendings == 0 ? HTTP_CONNECT_TIMED_OUT : HTTP_TIMED_OUT;
+            return exchange.connecting && !exchange.timeIsUp ? HTTP_CONNECT_TIMED_OUT : HTTP_TIMED_OUT;
         case CURLE_SSL_CACERT_BADFILE:
             return HTTP_CA_FILE_UNUSABLE;
         case CURLE_SSL_CERTPROBLEM:
@@ -112,8 +112,7 @@ int statusOf(CURLcode code, long systemError, const HttpExchange& exchange) {
         case CURLE_FILESIZE_EXCEEDED:
             return HTTP_RESPONSE_TOO_LARGE;
         case CURLE_OUT_OF_MEMORY:
-            // libcurl says so of a header line that is longer than it takes, too.
-            return exchange.sendings == 0 ? HTTP_OUT_OF_MEMORY : HTTP_RESPONSE_TOO_LARGE;
+            return HTTP_OUT_OF_MEMORY;
         default:
             return HTTP_FAILED;
     }
@@ -125,7 +124,14 @@ HttpFailure httpFailure(CURLcode code, long systemError, const HttpExchange& exc
     if (exchange.outOfMemory) {
         return {HTTP_OUT_OF_MEMORY, "no memory for the connection or the response"};
     }
-    if (exchange.tooLarge) {
+    if (exchange.headersTooLarge) {
+        return {HTTP_RESPONSE_TOO_LARGE, "headers of more than " + std::to_string(MAX_HEADER_BYTES) + " bytes"};
+    }
+    // What libcurl says of a header line that is longer than it takes.
+    if (code == CURLE_OUT_OF_MEMORY && !exchange.connecting) {
+        return {HTTP_RESPONSE_TOO_LARGE, "a header line is too long"};
+    }
+    if (exchange.bodyTooLarge) {
         return {HTTP_RESPONSE_TOO_LARGE, "more than " + std::to_string(exchange.maxResponseBytes) + " bytes"};
     }
     // A file is refused to be rewound before it is refused to be sent again.

@@ -24,6 +24,10 @@ StampedFile stamped(const Settings& settings, const char* setting, const std::st
     if (stat(path.c_str(), &file) != 0) {
         throw HttpFailure{unusableStatus, path + ": " + std::generic_category().message(errno)};
     }
+    // A named pipe would hold up whoever reads it, and with it every request and fork of the process.
+    if (!S_ISREG(file.st_mode)) {
+        throw HttpFailure{unusableStatus, path + ": it is not a regular file"};
+    }
     return {path,
             {file.st_dev, file.st_ino, file.st_size, file.st_mtim.tv_sec, file.st_mtim.tv_nsec, file.st_ctim.tv_sec,
              file.st_ctim.tv_nsec}};

@@ -51,7 +51,8 @@ public:
 
     virtual int Put(const std::string& url, const std::string& body) = 0;
     /// Never sent twice, so that a kept connection that breaks just then is HTTP_CONNECTION_CLOSED. (PUT, GET and
-    /// DELETE mean the same sent twice, and are sent again on a new connection.)
+    /// DELETE mean the same sent twice, and are sent again on a new connection; the answer to a DELETE may then be that
+    /// there is nothing to delete.)
     virtual int Post(const std::string& url, const std::string& body) = 0;
     /// Post() of a file's contents, read while they are sent.
     virtual int PostFile(const std::string& url, const std::string& filePath) = 0;

@@ -54,13 +54,14 @@ public:
     /// server is asked for the access cache that covers `scope`, and the cache is opened: every later check is local.
     /// In the first generation nothing is asked, and the client's checkers allow everything.
     ///
-    /// May be called from several threads. The clients share the operation cache of the process.
+    /// May be called from several threads. The clients share the operation cache of the process. Throws nothing.
     ///
     /// @param scope the namespace whose objects are to be checked; the root for all.
     /// @param client set on success, untouched on failure.
     /// @return 0; the status of a failed name lookup or transport; 114: the service gave no cache, or the cache cannot
-    /// be opened for a reason without a status, or `scope` has no text form; 7610: its answer is not as it should be;
-    /// 12: the cache's manifest is invalid. Failures are logged, except those of `scope` and those without a status.
+    /// be opened for a reason without a status, or `scope` has no text form, or memory ran out; 7610: its answer is not
+    /// as it should be; 12: the cache's manifest is invalid. Failures are logged, except those of `scope` and those
+    /// without a status.
     static int create(const ObjectNamespace& scope, boost::shared_ptr<AccessControlClient>& client);
 
     /// Makes a checker for the user whose session token is given.

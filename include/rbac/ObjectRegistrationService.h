@@ -43,7 +43,7 @@ public:
     /// Makes the object, which the service knows as PENDING by now.
     ///
     /// @return 0: it is there, so its registration is committed; anything else takes the registration back. So does an
-    /// exception, which then goes on to the caller of the workflow.
+    /// exception, which is logged and then goes on to the caller of the workflow.
     virtual int process() = 0;
 
     /// The registration failed before process() could run.
@@ -60,7 +60,7 @@ public:
     /// Removes the object, which the service has made PENDING by now.
     ///
     /// @return 0: it is gone, so the service forgets it; anything else makes it READY again. So does an exception,
-    /// which then goes on to the caller of the workflow.
+    /// which is logged and then goes on to the caller of the workflow.
     virtual int process() = 0;
 
     /// The unregistration failed before process() could run.
@@ -77,8 +77,8 @@ public:
     /// Makes the objects, which the service knows as PENDING by now.
     ///
     /// @param succeeded empty; to be filled with the namespaces of the objects that are there. Their registrations are
-    /// committed, the others are taken back, also where an exception leaves this function; it then goes on to the
-    /// caller of the workflow.
+    /// committed, the others are taken back, also where an exception leaves this function; it is logged and then goes
+    /// on to the caller of the workflow.
     /// @return is not looked at.
     virtual int process(std::set<ObjectNamespace>& succeeded) = 0;
 
@@ -107,6 +107,11 @@ public:
 ///
 /// A request that arrived, but whose answer was lost, counts as failed although the service has carried it out: it may
 /// then hold PENDING objects where the table says what it held, and the final state where it says PENDING.
+///
+/// A service that answers with the error code 0, or a factory whose clients throw EC_exception(0), makes a first
+/// request fail with the status 0. registerObject() then returns 0 after it has called failed(0): nothing is
+/// registered. The other two carry on as after a success. unregisterObject() calls process() and deletes the object;
+/// bulkRegisterObjects() calls process() and commits nothing, because nothing is known to be registered.
 ///
 /// Exceptions of callbacks pass through. Each object is independent of the others; several threads may use one at once,
 /// as far as the HTTP factory allows it.
@@ -213,9 +218,9 @@ public:
                          std::string& response);
     void sendHttpRequest(HttpRequestType type, const std::string& url, const std::string& payload);
 
-    // The bodies of the requests. They throw boost::bad_lexical_cast for a namespace without a text form,
-    // std::bad_alloc for what is no JSON (an object type that is not UTF-8), and std::invalid_argument for an empty
-    // pointer.
+    // The bodies of the requests, each whole or not made. They throw boost::bad_lexical_cast for a namespace without a
+    // text form, std::bad_alloc, or a pointer to one, where memory runs out, std::bad_alloc also for what is no JSON
+    // (an object type that is not UTF-8), and std::invalid_argument for an empty pointer.
 
     static boost::shared_ptr<json_t> buildNamespaceStatePair(const ObjectNamespace& ns, const std::string& state);
     static boost::shared_ptr<json_t> buildBulkStateUpdateRequest(const std::list<ObjectNamespace>& ready,
@@ -235,7 +240,9 @@ public:
     static RegisteredNamespaces extractRegisteredNamespaces(const std::string& body);
     /// @param body the answer to a bulk registration. An object that is in it more than once has all that was
     /// registered with it.
-    static BulkRegisteredNamespaces extractBulkRegisteredNamespaces(std::string body);
+    static BulkRegisteredNamespaces extractBulkRegisteredNamespaces(const std::string& body);
+    /// @param body as above. Its memory is released before the objects are read.
+    static BulkRegisteredNamespaces extractBulkRegisteredNamespaces(std::string&& body);
 
 private:
     int port_;

@@ -14,6 +14,8 @@
 #include <boost/lexical_cast.hpp>
 #include <boost/make_shared.hpp>
 
+#include <utility>
+
 namespace Tesmor::Arkwell::Rbac {
 
 namespace {
@@ -106,7 +108,16 @@ int requestCache(const std::string& scopeText, std::string& body) {
         logmsgf(16, TAG, "Get access-cache return HTTP status %ld", client.httpStatus);
         return REQUEST_FAILED;
     }
-    body = client.responseBody;
+    body = std::move(client.responseBody);
+    return 0;
+}
+
+int createDiskClient(const ObjectNamespace& scope, boost::shared_ptr<AccessControlClient>& client) {
+    std::string body;
+    if (const int status = requestCache(boost::lexical_cast<std::string>(scope), body); status != 0) {
+        return status;
+    }
+    client = openCache(body);
     return 0;
 }
 
@@ -117,24 +128,13 @@ AccessChecker::~AccessChecker() = default;
 AccessControlClient::~AccessControlClient() = default;
 
 int AccessControlClient::create(const ObjectNamespace& scope, boost::shared_ptr<AccessControlClient>& client) {
-    if (!secondGenerationEnforcementEnabled()) {
+    try {
+        if (secondGenerationEnforcementEnabled()) {
+            logmsgvf(2, 5, TAG, "Gen2 enforcement.");
+            return createDiskClient(scope, client);
+        }
         logmsgvf(2, 5, TAG, "Gen1 enforcement.");
         client = boost::make_shared<StubAccessControlClient>();
-        return 0;
-    }
-    logmsgvf(2, 5, TAG, "Gen2 enforcement.");
-    std::string scopeText;
-    try {
-        scopeText = boost::lexical_cast<std::string>(scope);
-    } catch (const boost::bad_lexical_cast&) {
-        return REQUEST_FAILED;
-    }
-    std::string body;
-    if (const int status = requestCache(scopeText, body); status != 0) {
-        return status;
-    }
-    try {
-        client = openCache(body);
         return 0;
     } catch (const EC_exception& failure) {
         return failure.status;

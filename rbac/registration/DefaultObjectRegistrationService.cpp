@@ -71,15 +71,12 @@ std::optional<int> attempt(const char* who, const FailureWords& words, Step step
 class CallbackOutcome {
 public:
     template <class Callback>
-    explicit CallbackOutcome(Callback callback) {
+    CallbackOutcome(const char* who, Callback callback) {
         try {
             status_ = callback();
-        } catch (const EC_exception& failure) {
-            thrown_ = std::current_exception();
-            status_ = failure.status;
         } catch (...) {
             thrown_ = std::current_exception();
-            status_ = FAILED_WITHOUT_STATUS;
+            status_ = logThrown(who);
         }
     }
 
@@ -95,6 +92,20 @@ public:
     }
 
 private:
+    /// @return the status of the exception.
+    int logThrown(const char* who) const {
+        try {
+            std::rethrow_exception(thrown_);
+        } catch (const std::exception& failure) {
+            logmsgf(8, who, "Callback threw exception: %s", failure.what());
+            const auto* const known = dynamic_cast<const EC_exception*>(&failure);
+            return known != nullptr ? known->status : FAILED_WITHOUT_STATUS;
+        } catch (...) {
+            logmsg(8, who, "Callback threw unknown exception.");
+            return FAILED_WITHOUT_STATUS;
+        }
+    }
+
     int status_ = 0;
     std::exception_ptr thrown_;
 };
@@ -213,7 +224,7 @@ int DefaultObjectRegistrationService::registerObject(boost::shared_ptr<ObjectReg
         callback->failed(*failure);
         return *failure;
     }
-    const CallbackOutcome outcome([&] { return callback->process(); });
+    const CallbackOutcome outcome(REGISTER_TAG, [&] { return callback->process(); });
     return outcome.end(outcome.succeeded()
                            ? commit(*this, registered.second, data->objectNamespace)
                            : rollBack(*this, registered.second, data->objectNamespace, outcome.status()));
@@ -238,7 +249,7 @@ int DefaultObjectRegistrationService::unregisterObject(const ObjectNamespace& ns
         return status;
     }
     logmsgf(4, UNREGISTER_TAG, "Updated [%s] state to PENDING", ns.toLogStr().c_str());
-    const CallbackOutcome outcome([&] { return callback->process(); });
+    const CallbackOutcome outcome(UNREGISTER_TAG, [&] { return callback->process(); });
     return outcome.end(outcome.succeeded() ? finishUnregistration(*this, ns)
                                            : undoUnregistration(*this, ns, outcome.status()));
 }
@@ -272,7 +283,7 @@ int DefaultObjectRegistrationService::bulkRegisterObjects(
     }
     logmsg(2, BULK_REGISTER_TAG, "Successfully registered the objects in PENDING state.");
     std::set<ObjectNamespace> succeeded;
-    const CallbackOutcome outcome([&] {
+    const CallbackOutcome outcome(BULK_REGISTER_TAG, [&] {
         callback->process(succeeded);
         return 0;
     });

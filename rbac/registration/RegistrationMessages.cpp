@@ -12,6 +12,7 @@
 #include <boost/make_shared.hpp>
 #include <boost/scoped_ptr.hpp>
 
+#include <new>
 #include <stdexcept>
 #include <utility>
 
@@ -88,9 +89,15 @@ long successStatus(HttpRequestType type) {
     throw EC_exception(error);
 }
 
+void append(json_t* array, const boost::shared_ptr<json_t>& element) {
+    if (json_array_append(array, element.get()) != 0) {
+        throw std::bad_alloc();
+    }
+}
+
 void appendStatePairs(json_t* array, const std::list<ObjectNamespace>& objects, const std::string& state) {
     for (const ObjectNamespace& ns : objects) {
-        json_array_append(array, DefaultObjectRegistrationService::buildNamespaceStatePair(ns, state).get());
+        append(array, DefaultObjectRegistrationService::buildNamespaceStatePair(ns, state));
     }
 }
 
@@ -112,6 +119,23 @@ Answer parseAnswer(const std::string& body, const char* who) {
         throwUnreadable(who, error);
     }
     return answer;
+}
+
+/// What an answer to a bulk registration says.
+DefaultObjectRegistrationService::BulkRegisteredNamespaces readBulk(const Answer& answer) {
+    if (!json_is_array(answer.data)) {
+        logmsg(16, BULK_TAG, "Invalid bulk registration response. data is not an array");
+        throw EC_exception(DOCUMENT_UNEXPECTED);
+    }
+    DefaultObjectRegistrationService::BulkRegisteredNamespaces registered;
+    for (std::size_t i = 0; i < json_array_size(answer.data); ++i) {
+        auto [ns, objects] =
+            DefaultObjectRegistrationService::extractRegisteredNamespaces(json_array_get(answer.data, i));
+        // Objects that are answered in order are not searched for.
+        std::list<ObjectNamespace>& all = registered.try_emplace(registered.end(), std::move(ns))->second;
+        all.splice(all.end(), objects);
+    }
+    return registered;
 }
 
 }  // namespace
@@ -187,10 +211,14 @@ boost::shared_ptr<json_t> DefaultObjectRegistrationService::buildRegistrationJSO
         throw std::invalid_argument("registration data is required");
     }
     const boost::shared_ptr<json_t> children = json_namespaces_shared(data->relativeChildNamespaces);
-    return json_pack_shared("{s:s, s:s, s:{s:s, s:b, s:O, s:O}}", "id",
+    // Else children that no memory was left for would stay unprotected.
+    if (json_array_size(children.get()) != data->relativeChildNamespaces.size()) {
+        throw std::bad_alloc();
+    }
+    return json_pack_shared("{s:s, s:s, s:{s:s%, s:b, s:O, s:O}}", "id",
                             NamespaceText::of(data->objectNamespace).c_str(), "type", "objectRegistrationData",
-                            "attributes", "objectType", data->objectType.c_str(), "ignoreAlreadyRegistered",
-                            data->ignoreAlreadyRegistered ? 1 : 0, "accessControlAttributes",
+                            "attributes", "objectType", data->objectType.data(), data->objectType.size(),
+                            "ignoreAlreadyRegistered", data->ignoreAlreadyRegistered ? 1 : 0, "accessControlAttributes",
                             data->accessControlAttributes.get(), "relativeChildNamespaces", children.get());
 }
 
@@ -203,7 +231,7 @@ boost::shared_ptr<json_t> DefaultObjectRegistrationService::buildBulkRegistratio
     const std::list<boost::shared_ptr<ObjectRegistrationData> >& data) {
     const boost::shared_ptr<json_t> objects = json_array_shared();
     for (const boost::shared_ptr<ObjectRegistrationData>& object : data) {
-        json_array_append(objects.get(), buildRegistrationJSON(object).get());
+        append(objects.get(), buildRegistrationJSON(object));
     }
     return json_pack_shared("{s:O}", "data", objects.get());
 }
@@ -235,21 +263,15 @@ DefaultObjectRegistrationService::RegisteredNamespaces DefaultObjectRegistration
 }
 
 DefaultObjectRegistrationService::BulkRegisteredNamespaces
-DefaultObjectRegistrationService::extractBulkRegisteredNamespaces(std::string body) {
+DefaultObjectRegistrationService::extractBulkRegisteredNamespaces(const std::string& body) {
+    return readBulk(parseAnswer(body, BULK_TAG));
+}
+
+DefaultObjectRegistrationService::BulkRegisteredNamespaces
+DefaultObjectRegistrationService::extractBulkRegisteredNamespaces(std::string&& body) {
     const Answer answer = parseAnswer(body, BULK_TAG);
     std::string().swap(body);  // that of a large registration is large, and so is what is read out of it
-    if (!json_is_array(answer.data)) {
-        logmsg(16, BULK_TAG, "Invalid bulk registration response. data is not an array");
-        throw EC_exception(DOCUMENT_UNEXPECTED);
-    }
-    BulkRegisteredNamespaces registered;
-    for (std::size_t i = 0; i < json_array_size(answer.data); ++i) {
-        RegisteredNamespaces object = extractRegisteredNamespaces(json_array_get(answer.data, i));
-        // Objects that are answered in order are not searched for.
-        std::list<ObjectNamespace>& objects = registered.try_emplace(registered.end(), std::move(object.first))->second;
-        objects.splice(objects.end(), object.second);
-    }
-    return registered;
+    return readBulk(answer);
 }
 
 }  // namespace Tesmor::Arkwell::Rbac

@@ -22,8 +22,6 @@ namespace {
 constexpr char OBJECTS_URL[] = "arkwell/access-control/managed-objects/";
 constexpr char OBJECT_TYPE[] = "managedObject";
 constexpr char DEFINITION_TYPE[] = "accessDefinition";
-constexpr char ROLE_TYPE[] = "accessControlRole";
-constexpr char OPERATION_TYPE[] = "accessControlOperation";
 
 constexpr char OBJECT_TAG[] = "ManagedObject::ManagedObject";
 constexpr char DEFINITION_TAG[] = "AccessDefinition::AccessDefinition";
@@ -153,7 +151,7 @@ AccessDefinition::AccessDefinition(const json_t* resource) {
         logmsgf(16, DEFINITION_TAG, "Invalid role relationship type: %s", roleType);
         throw EC_exception(DOCUMENT_UNEXPECTED);
     }
-    roleId = boost::lexical_cast<int>(roleText);
+    roleId = parse_role_id(roleText);
     managedObject = NamespaceText::parse(objectText);
     if (objectType != std::string(OBJECT_TYPE)) {
         logmsgf(16, DEFINITION_TAG, "Invalid object relationship type: %s", objectType);

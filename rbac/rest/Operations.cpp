@@ -16,7 +16,6 @@ namespace Tesmor::Arkwell::Rbac {
 namespace {
 
 constexpr char OPERATIONS_URL[] = "arkwell/access-control/operations";
-constexpr char OPERATION_TYPE[] = "accessControlOperation";
 constexpr char TAG[] = "OperationAPI::get_options";  // log readers know the operation by this name
 
 ObjectNamespace readOperation(const json_t* resource) {

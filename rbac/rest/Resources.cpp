@@ -6,6 +6,13 @@
 #include <platform/Logger.h>
 #include <rbac/EC_exception.h>
 
+#include <boost/lexical_cast/bad_lexical_cast.hpp>
+
+#include <charconv>
+#include <cstring>
+#include <system_error>
+#include <typeinfo>
+
 namespace Tesmor::Arkwell::Rbac {
 
 std::string filtered(const std::string& url, const std::string& filter) {
@@ -36,6 +43,17 @@ void require_type(const std::string& type, const char* expected, const char* who
         logmsgf(16, who, "Unexpected response type: %s", type.c_str());
         throw EC_exception(DOCUMENT_UNEXPECTED);
     }
+}
+
+int parse_role_id(const char* text) {
+    const char* const begin = text + (text[0] == '+' && text[1] != '-' ? 1 : 0);
+    const char* const end = text + std::strlen(text);
+    int id = 0;
+    const auto [stop, error] = std::from_chars(begin, end, id);
+    if (error != std::errc() || stop != end) {
+        throw boost::bad_lexical_cast(typeid(const char*), typeid(int));
+    }
+    return id;
 }
 
 }  // namespace Tesmor::Arkwell::Rbac

@@ -9,6 +9,10 @@
 
 namespace Tesmor::Arkwell::Rbac {
 
+// Types of resources that more than one reader meets.
+constexpr char ROLE_TYPE[] = "accessControlRole";
+constexpr char OPERATION_TYPE[] = "accessControlOperation";
+
 constexpr int DOCUMENT_INCOMPLETE = 7610;
 constexpr int DOCUMENT_UNEXPECTED = 9103;
 
@@ -33,6 +37,12 @@ const json_t* data_of(const json_t* document, const char* who);
 
 /// @throws EC_exception 9103 unless the type is the expected one; the type is logged.
 void require_type(const std::string& type, const char* expected, const char* who);
+
+/// The number that is a role's id, as boost::lexical_cast<int>(text) reads it in the classic locale: the program's
+/// locale makes no difference.
+///
+/// @throws boost::bad_lexical_cast.
+int parse_role_id(const char* text);
 
 /// Jansson unpacks without changing what it unpacks, but does not say so.
 inline json_t* unpackable(const json_t* value) {

@@ -6,7 +6,7 @@
 #include <rbac/EC_exception.h>
 #include <rbac/RoleAPI.h>
 
-#include <boost/lexical_cast.hpp>
+#include <boost/lexical_cast/bad_lexical_cast.hpp>
 #include <boost/scoped_ptr.hpp>
 
 #include <stdexcept>
@@ -17,17 +17,16 @@ namespace Tesmor::Arkwell::Rbac {
 namespace {
 
 constexpr char ROLES_URL[] = "arkwell/access-control/roles";
-constexpr char ROLE_TYPE[] = "accessControlRole";
 constexpr char ROLE_TAG[] = "Role::Role";
 
 constexpr std::size_t LONGEST_NEW_NAME = 64;
-constexpr std::size_t LONGEST_NAME = 256;  // the service grew longer names than its first clients could give
+constexpr std::size_t LONGEST_NAME = 256;  // of a role that is there already
 constexpr std::size_t LONGEST_DESCRIPTION = 256;
 
 int parseRoleId(const char* text) {
     int id = 0;
     try {
-        id = boost::lexical_cast<int>(text);
+        id = parse_role_id(text);
     } catch (const boost::bad_lexical_cast& failure) {
         logmsgf(16, ROLE_TAG, "Invalid role ID in response: %s (%s)", text, failure.what());
         throw EC_exception(DOCUMENT_UNEXPECTED);
@@ -51,11 +50,19 @@ void requireLimits(const std::string& name, std::size_t longestName, const std::
     }
 }
 
+/// What a role is named and described with. The texts have their lengths, so that none ends at a NUL.
+boost::shared_ptr<json_t> attributesOf(const std::string& name, const std::string& description) {
+    if (description.empty()) {
+        return json_pack_shared("{s:s%}", "name", name.data(), name.size());
+    }
+    return json_pack_shared("{s:s%, s:s%}", "name", name.data(), name.size(), "description", description.data(),
+                            description.size());
+}
+
 /// The document that a role is created and updated with.
 std::string roleDocument(const std::string& name, const std::string& description) {
-    const boost::shared_ptr<json_t> document =
-        json_pack_shared("{s:{s:s, s:{s:s, s:s*}}}", "data", "type", ROLE_TYPE, "attributes", "name", name.c_str(),
-                         "description", description.empty() ? nullptr : description.c_str());
+    const boost::shared_ptr<json_t> document = json_pack_shared("{s:{s:s, s:O}}", "data", "type", ROLE_TYPE,
+                                                                "attributes", attributesOf(name, description).get());
     return json_dumps_shared(document).get();
 }
 

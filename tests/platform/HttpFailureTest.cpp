@@ -155,6 +155,12 @@ TEST_F(HttpFailure, AHostThatDoesNotAnswerTheConnection) {
     expectFailure("127.0.0.1", listener.port(), HTTP_CONNECT_TIMED_OUT);
 }
 
+TEST_F(HttpFailure, AHostThatDoesNotAnswerTheConnectionInTheTimeOfTheWholeRequest) {
+    fixture.useSettings(R"({"connectTimeoutMs": 5000, "timeoutMs": 500})");
+    const testing_support::FullListener listener;
+    expectFailure("127.0.0.1", listener.port(), HTTP_TIMED_OUT);
+}
+
 TEST_F(HttpFailure, AServerThatDoesNotAnswerTheHandshake) {
     Server::Options silent = fixture.options();
     silent.before = [](int socket) {
@@ -173,6 +179,25 @@ TEST_F(HttpFailure, AServerThatDoesNotAnswerTheRequest) {
         c.stall();
     });
     expectFailure(server, HTTP_TIMED_OUT);
+}
+
+TEST_F(HttpFailure, ARequestThatIsSentAgainHasTheTimeThatIsLeft) {
+    const Server server(fixture.options(), [](Connection& c) {
+        c.read();
+        if (c.number() == 1) {
+            c.answer(200, "the answer");
+            c.read();
+        }
+        c.stall();
+    });
+    AWClientCURL client = HttpFixture::client(server);
+    ASSERT_EQ(0, client.Get("first"));
+    const LogCapture capture;
+    const testing_support::FailingSend failing(20, std::chrono::milliseconds(1500), ECONNRESET);
+    const Clock::time_point begin = Clock::now();
+    EXPECT_EQ(HTTP_TIMED_OUT, client.Put("a", std::string(8'000'000, 'x')));
+    EXPECT_LT(Clock::now() - begin, std::chrono::seconds(3));
+    EXPECT_EQ(2, server.connections());
 }
 
 TEST_F(HttpFailure, AServerThatStopsInTheMiddleOfTheAnswer) {
@@ -387,6 +412,26 @@ TEST_F(HttpFailure, AnEncryptedKeyIsNotAskedAPasswordFor) {
     EXPECT_THAT(logged.message, HasSubstr(fixture.keyFile() + ": "));
 }
 
+TEST_F(HttpFailure, ANamedPipeInTheIssuersPlaceHoldsNobodyUp) {
+    unlink(fixture.caFile().c_str());
+    ASSERT_EQ(0, mkfifo(fixture.caFile().c_str(), 0600));
+    const Server server(fixture.options(), unreached());
+    expectFailure(server, HTTP_CA_FILE_UNUSABLE);
+    EXPECT_THAT(logged.message, EndsWith(": " + fixture.caFile() + ": it is not a regular file"));
+}
+
+TEST_F(HttpFailure, ANamedPipeInTheCertificatesOrTheKeysPlaceHoldsNobodyUp) {
+    for (const std::string& path : {fixture.certFile(), fixture.keyFile()}) {
+        fixture.useHostCertificate(fixture.authority.issue());
+        unlink(path.c_str());
+        ASSERT_EQ(0, mkfifo(path.c_str(), 0600));
+        const Server server(fixture.options(), unreached());
+        expectFailure(server, HTTP_CLIENT_CERTIFICATE_UNUSABLE);
+        EXPECT_THAT(logged.message, EndsWith(": " + path + ": it is not a regular file"));
+        unlink(path.c_str());
+    }
+}
+
 TEST_F(HttpFailure, AServerThatClosesWithoutAnAnswer) {
     expectFailureOf("", HTTP_CONNECTION_CLOSED);
 }
@@ -473,6 +518,7 @@ TEST_F(HttpFailure, AnAnswerWithoutEnd) {
         }
     });
     expectFailure(server, HTTP_RESPONSE_TOO_LARGE);
+    EXPECT_THAT(logged.message, EndsWith(": more than 1000 bytes"));
 }
 
 TEST_F(HttpFailure, HeadersWithoutEnd) {
@@ -483,6 +529,7 @@ TEST_F(HttpFailure, HeadersWithoutEnd) {
         }
     });
     expectFailure(server, HTTP_RESPONSE_TOO_LARGE);
+    EXPECT_THAT(logged.message, EndsWith(": headers of more than 262144 bytes"));
 }
 
 TEST_F(HttpFailure, AHeaderLineWithoutEnd) {
@@ -493,6 +540,7 @@ TEST_F(HttpFailure, AHeaderLineWithoutEnd) {
         }
     });
     expectFailure(server, HTTP_RESPONSE_TOO_LARGE);
+    EXPECT_THAT(logged.message, EndsWith(": a header line is too long"));
 }
 
 TEST_F(HttpFailure, ASettingsFileThatIsMissing) {

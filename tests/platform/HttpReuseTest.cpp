@@ -267,6 +267,28 @@ TEST_F(HttpReuse, ARequestWhoseKeptConnectionBreaksInTheMidstIsSentOnceIfItMustN
     EXPECT_EQ(1U, server.requests().size());
 }
 
+TEST_F(HttpReuse, ANewConnectionThatTakesTooLongIsReportedAsSuch) {
+    fixture.useSettings(R"({"connectTimeoutMs": 500})");
+    Server::Options silentLater = options();
+    std::atomic<int> connections{0};
+    silentLater.before = [&connections](int socket) {
+        if (++connections == 1) {
+            return true;
+        }
+        char byte = 0;
+        while (recv(socket, &byte, 1, 0) > 0) {
+        }
+        return false;
+    };
+    const Server server(silentLater, [](Connection& c) {
+        answerOne(c);
+        c.read();
+    });
+    ASSERT_EQ(0, get(server));
+    EXPECT_EQ(platform_status::HTTP_CONNECT_TIMED_OUT, get(server));
+    EXPECT_EQ(2, server.connections());
+}
+
 TEST_F(HttpReuse, AConnectionThatFailedIsClosed) {
     const Server server(options(), [](Connection& c) {
         c.read();

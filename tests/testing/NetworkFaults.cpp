@@ -14,12 +14,17 @@
 #include <condition_variable>
 #include <mutex>
 #include <stdexcept>
+#include <thread>
 
 namespace testing_support {
 
 namespace {
 
 std::atomic<int> connectError{0};
+
+std::atomic<int> sendsLeft{0};  // until the one that fails; 0 or less: none fails
+std::chrono::milliseconds sendTime{0};
+int sendError = 0;
 
 struct Resolver {
     std::mutex mutex;
@@ -67,6 +72,16 @@ FailingConnect::~FailingConnect() {
     connectError = 0;
 }
 
+FailingSend::FailingSend(int number, std::chrono::milliseconds time, int error) {
+    sendTime = time;
+    sendError = error;
+    sendsLeft = number;
+}
+
+FailingSend::~FailingSend() {
+    sendsLeft = 0;
+}
+
 FullListener::FullListener() {
     const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockets_.push_back(listener);
@@ -110,4 +125,14 @@ __attribute__((visibility("default"))) int connect(int socket, const sockaddr* a
     }
     static const auto real = reinterpret_cast<decltype(&connect)>(dlsym(RTLD_NEXT, "connect"));
     return real(socket, address, size);
+}
+
+__attribute__((visibility("default"))) ssize_t send(int socket, const void* data, size_t size, int flags) {
+    if (testing_support::sendsLeft > 0 && --testing_support::sendsLeft == 0) {
+        std::this_thread::sleep_for(testing_support::sendTime);
+        errno = testing_support::sendError;
+        return -1;
+    }
+    static const auto real = reinterpret_cast<decltype(&send)>(dlsym(RTLD_NEXT, "send"));
+    return real(socket, data, size, flags);
 }

@@ -251,6 +251,14 @@ TEST_F(EncodeFailure, NoClientIsMadeForANamespaceWithoutAText) {
     EXPECT_THAT(log.lines(), testing::ElementsAre(LogLine{2, "AccessControlClient::create", "Gen2 enforcement."}));
 }
 
+TEST_F(EncodeFailure, NoClientIsMadeWhereMakingTheTextThrowsAnything) {
+    const SettingsFixture settings(R"({"primaryServer":"primary.example","accessEnforcement":"gen2"})");
+    boost::shared_ptr<AccessControlClient> client;
+    letFail(Failure::OTHER);
+    EXPECT_EQ(AccessControlClient::create(ObjectNamespace("A"), client), 114);
+    EXPECT_EQ(client, nullptr);
+}
+
 TEST_F(EncodeFailure, NoDocumentIsMadeOfANamespaceWithoutAText) {
     const LogCapture log;
     letFail(Failure::STATUS, "B");

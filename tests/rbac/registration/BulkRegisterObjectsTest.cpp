@@ -56,6 +56,12 @@ protected:
     }
     static LogLine updated() { return line(2, "Successfully updated object states."); }
 
+    /// The request that commits B and rolls the others back.
+    static HttpRequest onlyB() {
+        return stateUpdate(
+            {{"|B|", "READY"}, {"|B|1|", "READY"}, {"|A|2|", "DELETED"}, {"|A|", "DELETED"}, {"|A|1|", "DELETED"}});
+    }
+
     static std::string object(const std::string& id) {
         return R"({"id":")" + id +
                R"(","type":"objectRegistrationData","attributes":{"objectType":"DATABASE","ignoreAlreadyRegistered":)"
@@ -126,11 +132,7 @@ TEST_F(BulkRegisterObjectsTest, CommitsWhatSucceededAndRollsBackTheRest) {
     http_->answer(201);
     succeedWith({B, C});
     EXPECT_EQ(run(), 8022);
-    EXPECT_THAT(http_->requests, ElementsAre(registration(), stateUpdate({{"|B|", "READY"},
-                                                                          {"|B|1|", "READY"},
-                                                                          {"|A|2|", "DELETED"},
-                                                                          {"|A|", "DELETED"},
-                                                                          {"|A|1|", "DELETED"}})));
+    EXPECT_THAT(http_->requests, ElementsAre(registration(), onlyB()));
     EXPECT_THAT(story(), ElementsAre(registering(3), sending(BULK_REGISTRATIONS), pending(), called("process 0"),
                                      splitting("2", "1"), updating(2, 0, 3), sending(UPDATES), updated()));
 }
@@ -144,7 +146,8 @@ TEST_F(BulkRegisterObjectsTest, RollsEverythingBackWhereNothingSucceeded) {
                                                                           {"|A|1|", "DELETED"},
                                                                           {"|B|", "DELETED"},
                                                                           {"|B|1|", "DELETED"}})));
-    EXPECT_EQ(story()[4], splitting("0", "3"));
+    EXPECT_THAT(story(), ElementsAre(registering(3), sending(BULK_REGISTRATIONS), pending(), called("process 0"),
+                                     splitting("0", "3"), updating(0, 0, 5), sending(UPDATES), updated()));
 }
 
 TEST_F(BulkRegisterObjectsTest, CountsWhatSucceededWhateverItIs) {
@@ -152,11 +155,7 @@ TEST_F(BulkRegisterObjectsTest, CountsWhatSucceededWhateverItIs) {
     http_->answer(201);
     succeedWith({ObjectNamespace("X"), ObjectNamespace("Y"), B});
     EXPECT_EQ(run(), 0);
-    EXPECT_THAT(http_->requests, ElementsAre(registration(), stateUpdate({{"|B|", "READY"},
-                                                                          {"|B|1|", "READY"},
-                                                                          {"|A|2|", "DELETED"},
-                                                                          {"|A|", "DELETED"},
-                                                                          {"|A|1|", "DELETED"}})));
+    EXPECT_THAT(http_->requests, ElementsAre(registration(), onlyB()));
     EXPECT_THAT(story(), ElementsAre(registering(3), sending(BULK_REGISTRATIONS), pending(), called("process 0"),
                                      committing(), updating(2, 0, 3), sending(UPDATES), updated()));
 }
@@ -166,8 +165,9 @@ TEST_F(BulkRegisterObjectsTest, TakesMoreSuccessesThanObjectsForAFailure) {
     http_->answer(201);
     succeedWith({A, B, C, ObjectNamespace("X")});
     EXPECT_EQ(run(), 8022);
-    EXPECT_EQ(story()[4], splitting("4", "18446744073709551615"));
-    EXPECT_EQ(story()[5], updating(5, 0, 0));
+    EXPECT_THAT(story(),
+                ElementsAre(registering(3), sending(BULK_REGISTRATIONS), pending(), called("process 0"),
+                            splitting("4", "18446744073709551615"), updating(5, 0, 0), sending(UPDATES), updated()));
 }
 
 TEST_F(BulkRegisterObjectsTest, CountsTheDataNotWhatTheServiceRegistered) {
@@ -175,7 +175,8 @@ TEST_F(BulkRegisterObjectsTest, CountsTheDataNotWhatTheServiceRegistered) {
     http_->answer(201);
     succeedWith({A});
     EXPECT_EQ(run(), 8022);
-    EXPECT_EQ(story()[4], splitting("1", "2"));
+    EXPECT_THAT(story(), ElementsAre(registering(3), sending(BULK_REGISTRATIONS), pending(), called("process 0"),
+                                     splitting("1", "2"), updating(1, 0, 0), sending(UPDATES), updated()));
     EXPECT_THAT(http_->requests, ElementsAre(registration(), stateUpdate({{"|A|", "READY"}})));
 }
 
@@ -187,7 +188,8 @@ TEST_F(BulkRegisterObjectsTest, IgnoresWhatTheCallbackReturns) {
         return 5;
     };
     EXPECT_EQ(run(), 0);
-    EXPECT_EQ(story().back(), updated());
+    EXPECT_THAT(story(), ElementsAre(registering(3), sending(BULK_REGISTRATIONS), pending(), called("process 0"),
+                                     committing(), updating(5, 0, 0), sending(UPDATES), updated()));
 }
 
 TEST_F(BulkRegisterObjectsTest, RefusesNoData) {
@@ -222,6 +224,32 @@ TEST_F(FailedBulkRegistrationTest, HasTheServicesErrorCode) {
     EXPECT_EQ(run(), 5003);
     EXPECT_THAT(story(), ElementsAre(registering(3), sending(BULK_REGISTRATIONS), LogLine{16, SEND_TAG, CONFLICT_LOG},
                                      line(16, "Registration failed, status=5003"), called("failed 5003")));
+}
+
+TEST_F(FailedBulkRegistrationTest, HasTheTransportsStatus) {
+    http_->fail(9554);
+    EXPECT_EQ(run(), 9554);
+    EXPECT_THAT(story(), ElementsAre(registering(3), sending(BULK_REGISTRATIONS), unsent(BULK_REGISTRATIONS),
+                                     line(16, "Registration failed, status=9554"), called("failed 9554")));
+    EXPECT_THAT(http_->requests, ElementsAre(registration()));
+}
+
+TEST_F(FailedBulkRegistrationTest, HasTheGeneralStatusWhereThereIsNoClient) {
+    loseHttp();
+    EXPECT_EQ(run(), 114);
+    EXPECT_THAT(story(), ElementsAre(registering(3), line(16, "Registration failed with exception: no client"),
+                                     called("failed 114")));
+}
+
+TEST_F(FailedBulkRegistrationTest, HasAStatusForAnswersThatAreNoJson) {
+    http_->answer(201, "no JSON");
+    EXPECT_EQ(run(), 9103);
+    EXPECT_THAT(story(),
+                ElementsAre(registering(3), sending(BULK_REGISTRATIONS),
+                            LogLine{16, "DefaultObjectRegistrationService::extractBulkRegisteredNamespaces",
+                                    "Error parsing JSON response at position 2: '[' or '{' expected near 'no'"},
+                            line(16, "Registration failed, status=9103"), called("failed 9103")));
+    EXPECT_THAT(http_->requests, ElementsAre(registration()));
 }
 
 TEST_F(FailedBulkRegistrationTest, HasAStatusForAnswersThatCannotBeRead) {
@@ -302,6 +330,33 @@ TEST_F(BulkRegisterObjectsTest, CarriesOnAfterStatusZeroWithNothingRegistered) {
                             updating(0, 0, 0), sending(UPDATES), updated()));
 }
 
+TEST_F(BulkRegisterObjectsTest, FailsAfterStatusZeroWhereNothingSucceeded) {
+    http_->raise(EC_exception(0));
+    http_->answer(201);
+    EXPECT_EQ(run(), 8022);
+    EXPECT_THAT(http_->requests, ElementsAre(registration(), stateUpdate({})));
+    EXPECT_THAT(story(), ElementsAre(registering(3), sending(BULK_REGISTRATIONS),
+                                     line(16, "Registration failed, status=0"), pending(), called("process 0"),
+                                     splitting("0", "3"), updating(0, 0, 0), sending(UPDATES), updated()));
+}
+
+TEST_F(BulkRegisterObjectsTest, DoesNotReadTheAnswerToTheStateUpdate) {
+    acceptRegistration();
+    http_->answer(201, "no JSON");
+    succeedWith({A, B, C});
+    EXPECT_EQ(run(), 0);
+    EXPECT_THAT(story(), ElementsAre(registering(3), sending(BULK_REGISTRATIONS), pending(), called("process 0"),
+                                     committing(), updating(5, 0, 0), sending(UPDATES), updated()));
+}
+
+TEST_F(FailedStateUpdateTest, IsTheResultOfAFailedTransport) {
+    http_->fail(9554);
+    EXPECT_EQ(run(), 8030);
+    EXPECT_THAT(story(), ElementsAre(registering(3), sending(BULK_REGISTRATIONS), pending(), called("process 0"),
+                                     committing(), updating(5, 0, 0), sending(UPDATES), unsent(UPDATES),
+                                     line(16, "State update failed, status=9554")));
+}
+
 TEST_F(FailedStateUpdateTest, IsTheResultThoughTheCallbackSucceeded) {
     http_->answer(409, CONFLICT);
     EXPECT_EQ(run(), 8030);
@@ -353,13 +408,10 @@ TEST_F(BulkRegisterObjectsTest, SettlesWhatSucceededBeforeAnExceptionOfTheCallba
         throw std::runtime_error("no disk");
     };
     EXPECT_STREQ(thrownBy<std::runtime_error>([this] { run(); }).what(), "no disk");
-    EXPECT_THAT(http_->requests, ElementsAre(registration(), stateUpdate({{"|B|", "READY"},
-                                                                          {"|B|1|", "READY"},
-                                                                          {"|A|2|", "DELETED"},
-                                                                          {"|A|", "DELETED"},
-                                                                          {"|A|1|", "DELETED"}})));
+    EXPECT_THAT(http_->requests, ElementsAre(registration(), onlyB()));
     EXPECT_THAT(story(), ElementsAre(registering(3), sending(BULK_REGISTRATIONS), pending(), called("process 0"),
-                                     splitting("1", "2"), updating(2, 0, 3), sending(UPDATES), updated()));
+                                     line(8, "Callback threw exception: no disk"), splitting("1", "2"),
+                                     updating(2, 0, 3), sending(UPDATES), updated()));
 }
 
 TEST_F(BulkRegisterObjectsTest, SettlesBeforeAStatusThatTheCallbackThrowsArrives) {
@@ -370,7 +422,9 @@ TEST_F(BulkRegisterObjectsTest, SettlesBeforeAStatusThatTheCallbackThrowsArrives
         throw EC_exception(0);
     };
     EXPECT_EQ(thrownBy<EC_exception>([this] { run(); }).status, 0);
-    EXPECT_EQ(story().back(), updated());
+    EXPECT_THAT(story(), ElementsAre(registering(3), sending(BULK_REGISTRATIONS), pending(), called("process 0"),
+                                     line(8, "Callback threw exception: success"), committing(), updating(5, 0, 0),
+                                     sending(UPDATES), updated()));
 }
 
 TEST_F(BulkRegisterObjectsTest, SettlesBeforeWhatIsNoExceptionArrivesFromTheCallback) {
@@ -378,7 +432,9 @@ TEST_F(BulkRegisterObjectsTest, SettlesBeforeWhatIsNoExceptionArrivesFromTheCall
     http_->answer(201);
     callback_->work = [](std::set<ObjectNamespace>& /*succeeded*/) -> int { throw 7; };
     EXPECT_EQ(thrownBy<int>([this] { run(); }), 7);
-    EXPECT_EQ(story().back(), updated());
+    EXPECT_THAT(story(), ElementsAre(registering(3), sending(BULK_REGISTRATIONS), pending(), called("process 0"),
+                                     line(8, "Callback threw unknown exception."), splitting("0", "3"),
+                                     updating(0, 0, 5), sending(UPDATES), updated()));
 }
 
 TEST_F(FailedStateUpdateTest, LeavesTheCallbacksExceptionAsItIs) {
@@ -388,5 +444,7 @@ TEST_F(FailedStateUpdateTest, LeavesTheCallbacksExceptionAsItIs) {
         throw EC_exception(9);
     };
     EXPECT_EQ(thrownBy<EC_exception>([this] { run(); }).status, 9);
-    expectStory("State update failed, status=77");
+    EXPECT_THAT(story(), ElementsAre(registering(3), sending(BULK_REGISTRATIONS), pending(), called("process 0"),
+                                     line(8, "Callback threw exception: " + getECmsg(9)), committing(),
+                                     updating(5, 0, 0), sending(UPDATES), line(16, "State update failed, status=77")));
 }

@@ -26,6 +26,7 @@ protected:
     static LogLine rollingBack(int status) {
         return line(2, "Callback failed. Rolling back the object. callbackStatus=" + std::to_string(status));
     }
+    static LogLine committed() { return line(4, "Object successfully registered [|ASSETS|a+b%7Cc|]"); }
     static LogLine rolledBack() { return line(16, "Object successfully rolled back [|ASSETS|a+b%7Cc|]"); }
 
     HttpRequest registration() const {
@@ -35,6 +36,13 @@ protected:
                     R"("accessControlAttributes":{"owner":"o"},"relativeChildNamespaces":["|x|","|y|"]}}})");
     }
     static HttpRequest rollback() { return stateUpdate({{"|ASSETS|a+b%7Cc|", "DELETED"}, {"|O|", "DELETED"}}); }
+
+    /// What was told of an exception of the callback.
+    void expectRollback(const std::string& thrown, int status) const {
+        EXPECT_THAT(http_->requests, ElementsAre(registration(), rollback()));
+        EXPECT_THAT(story(), ElementsAre(sending(REGISTRATIONS), called("process"), line(8, thrown),
+                                         rollingBack(status), updating(0, 0, 2), sending(UPDATES), rolledBack()));
+    }
 
     /// The registration succeeds, and the callback throws this; the object is taken back.
     template <class Thrown>
@@ -82,7 +90,15 @@ TEST_F(RegisterObjectTest, CommitsWhatTheServiceRegisteredWhenTheCallbackSucceed
     EXPECT_THAT(http_->requests,
                 ElementsAre(registration(), stateUpdate({{"|ASSETS|a+b%7Cc|", "READY"}, {"|O|", "READY"}})));
     EXPECT_THAT(story(), ElementsAre(sending(REGISTRATIONS), called("process"), committing(), updating(2, 0, 0),
-                                     sending(UPDATES), line(4, "Object successfully registered [|ASSETS|a+b%7Cc|]")));
+                                     sending(UPDATES), committed()));
+}
+
+TEST_F(RegisterObjectTest, DoesNotReadTheAnswerToTheCommit) {
+    acceptRegistration();
+    http_->answer(201, "no JSON");
+    EXPECT_EQ(run(), 0);
+    EXPECT_THAT(story(), ElementsAre(sending(REGISTRATIONS), called("process"), committing(), updating(2, 0, 0),
+                                     sending(UPDATES), committed()));
 }
 
 TEST_F(RegisterObjectTest, RollsBackWhatTheServiceRegisteredWhenTheCallbackFails) {
@@ -104,7 +120,8 @@ TEST_F(RegisterObjectTest, CommitsNothingWhereTheServiceRegisteredNothing) {
     http_->answer(201);
     EXPECT_EQ(run(), 0);
     EXPECT_THAT(http_->requests, ElementsAre(registration(), stateUpdate({})));
-    EXPECT_EQ(story().back(), line(4, "Object successfully registered [|ASSETS|a+b%7Cc|]"));
+    EXPECT_THAT(story(), ElementsAre(sending(REGISTRATIONS), called("process"), committing(), updating(0, 0, 0),
+                                     sending(UPDATES), committed()));
 }
 
 TEST_F(RegisterObjectTest, RefusesMissingData) {
@@ -154,11 +171,14 @@ TEST_F(FailedRegistrationTest, HasTheServicesErrorCode) {
 TEST_F(FailedRegistrationTest, HasTheTransportsStatus) {
     http_->fail(9554);
     EXPECT_EQ(run(), 9554);
-    EXPECT_THAT(story(), ElementsAre(sending(REGISTRATIONS),
-                                     LogLine{16, SEND_TAG,
-                                             "Failed to send the POST object register request(" + REGISTRATIONS +
-                                                 "). CURL request failed. error  = 9554"},
+    EXPECT_THAT(story(), ElementsAre(sending(REGISTRATIONS), unsent(REGISTRATIONS),
                                      line(16, "Registration failed, status=9554"), called("failed 9554")));
+}
+
+TEST_F(FailedRegistrationTest, HasTheGeneralStatusWhereThereIsNoClient) {
+    loseHttp();
+    EXPECT_EQ(run(), 114);
+    EXPECT_THAT(story(), ElementsAre(line(16, "Registration threw exception: no client"), called("failed 114")));
 }
 
 TEST_F(FailedRegistrationTest, IsNoSuccessWithStatusZero) {
@@ -172,9 +192,11 @@ TEST_F(FailedRegistrationTest, IsNoSuccessWithStatusZero) {
 TEST_F(FailedRegistrationTest, HasAStatusForAnswersThatCannotBeRead) {
     http_->answer(201, "no JSON");
     EXPECT_EQ(run(), 9103);
-    EXPECT_EQ(story()[1].tag, "DefaultObjectRegistrationService::extractRegisteredNamespaces");
-    EXPECT_EQ(story()[2], line(16, "Registration failed, status=9103"));
-    EXPECT_EQ(story()[3], called("failed 9103"));
+    EXPECT_THAT(story(),
+                ElementsAre(sending(REGISTRATIONS),
+                            LogLine{16, "DefaultObjectRegistrationService::extractRegisteredNamespaces",
+                                    "Error parsing JSON response at position 2: '[' or '{' expected near 'no'"},
+                            line(16, "Registration failed, status=9103"), called("failed 9103")));
     EXPECT_THAT(http_->requests, ElementsAre(registration()));
 }
 
@@ -280,40 +302,39 @@ TEST_F(FailedRollbackTest, IsLoggedWithoutATextForWhatIsNoException) {
 
 TEST_F(RegisterObjectTest, RollsBackBeforeAnExceptionOfTheCallbackArrives) {
     EXPECT_STREQ(thrownThrough(std::runtime_error("no disk")).what(), "no disk");
-    EXPECT_THAT(http_->requests, ElementsAre(registration(), rollback()));
-    EXPECT_THAT(story(), ElementsAre(sending(REGISTRATIONS), called("process"), rollingBack(114), updating(0, 0, 2),
-                                     sending(UPDATES), rolledBack()));
+    expectRollback("Callback threw exception: no disk", 114);
 }
 
 TEST_F(RegisterObjectTest, RollsBackBeforeAStatusThatTheCallbackThrowsArrives) {
     EXPECT_EQ(thrownThrough(EC_exception(77)).status, 77);
-    EXPECT_THAT(http_->requests, ElementsAre(registration(), rollback()));
-    EXPECT_EQ(story()[2], rollingBack(77));
+    expectRollback("Callback threw exception: " + getECmsg(77), 77);
 }
 
 TEST_F(RegisterObjectTest, TakesStatusZeroThatTheCallbackThrowsForAFailure) {
     EXPECT_EQ(thrownThrough(EC_exception(0)).status, 0);
-    EXPECT_THAT(http_->requests, ElementsAre(registration(), rollback()));
-    EXPECT_EQ(story()[2], rollingBack(0));
+    expectRollback("Callback threw exception: success", 0);
 }
 
 TEST_F(RegisterObjectTest, RollsBackBeforeWhatIsNoExceptionArrivesFromTheCallback) {
     EXPECT_EQ(thrownThrough(7), 7);
-    EXPECT_THAT(http_->requests, ElementsAre(registration(), rollback()));
-    EXPECT_EQ(story()[2], rollingBack(114));
+    expectRollback("Callback threw unknown exception.", 114);
 }
 
 TEST_F(FailedRollbackTest, LeavesTheCallbacksExceptionAsItIs) {
     http_->raise(std::runtime_error("no socket"));
     callback_->work = []() -> int { throw EC_exception(9); };
     EXPECT_EQ(thrownBy<EC_exception>([this] { run(); }).status, 9);
-    expectStory("Failed to rollback [|ASSETS|a+b%7Cc|]. exception: no socket");
+    EXPECT_THAT(story(),
+                ElementsAre(sending(REGISTRATIONS), called("process"),
+                            line(8, "Callback threw exception: " + getECmsg(9)), rollingBack(9), updating(0, 0, 2),
+                            sending(UPDATES), line(16, "Failed to rollback [|ASSETS|a+b%7Cc|]. exception: no socket")));
 }
 
 TEST_F(FailedRegistrationTest, PassesOnWhatTheCallbackThrowsWhenItIsTold) {
     http_->raise(EC_exception(77));
     callback_->afterFailure = [] { throw std::runtime_error("no disk"); };
     EXPECT_STREQ(thrownBy<std::runtime_error>([this] { run(); }).what(), "no disk");
-    EXPECT_EQ(story().back(), called("failed 77"));
+    EXPECT_THAT(story(),
+                ElementsAre(sending(REGISTRATIONS), line(16, "Registration failed, status=77"), called("failed 77")));
     EXPECT_THAT(http_->requests, ElementsAre(registration()));
 }

@@ -46,6 +46,14 @@ public:
     std::function<void()> afterFailure = [] {};
 };
 
+/// Makes no clients.
+class NoHttp : public AWClientCURL_BaseFactory {
+public:
+    AWClientCURL_Base* create(const std::string& /*host*/, int /*port*/, AWCurlSessionType /*session*/) override {
+        throw std::runtime_error("no client");
+    }
+};
+
 /// A registration service whose answers are scripted.
 class RegistrationFixture : public ApiFixture {
 protected:
@@ -65,6 +73,11 @@ protected:
 
     static LogLine called(const std::string& what) { return {0, CALLBACK_TAG, what}; }
     static LogLine sending(const std::string& url) { return {4, SEND_TAG, "Send request type 2 to URL " + url}; }
+    /// The request goes out, and comes to nothing with transport status 9554.
+    static LogLine unsent(const std::string& url) {
+        return {16, SEND_TAG,
+                "Failed to send the POST object register request(" + url + "). CURL request failed. error  = 9554"};
+    }
     static LogLine updating(int ready, int pending, int deleted) {
         return {4, UPDATE_TAG,
                 "Updating object state. ready=" + std::to_string(ready) + ", pending=" + std::to_string(pending) +
@@ -101,6 +114,11 @@ protected:
     }
 
     static std::string answerOf(const std::string& data) { return R"({"data":)" + data + "}"; }
+
+    /// From now on the service finds no client.
+    void loseHttp() {
+        service_ = Tesmor::Arkwell::Rbac::DefaultObjectRegistrationService(1556, boost::make_shared<NoHttp>());
+    }
 
     /// What a call throws of this kind, which is expected.
     template <class Thrown, class Call>

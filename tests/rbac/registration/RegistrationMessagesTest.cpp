@@ -1,9 +1,11 @@
 #include "RegistrationFixture.h"
 #include "testing/Certificates.h"
+#include "testing/JanssonMemory.h"
 #include "testing/TemporaryDirectory.h"
 
 #include <boost/lexical_cast.hpp>
 
+#include <functional>
 #include <memory>
 #include <new>
 #include <stdexcept>
@@ -66,7 +68,37 @@ protected:
     std::string response_ = "before";
 };
 
-class RequestBodyTest : public RegistrationFixture {};
+class RequestBodyTest : public RegistrationFixture {
+protected:
+    using Build = std::function<boost::shared_ptr<json_t>()>;
+
+    /// That a request is built whole or not at all where jansson is refused one block, whichever that is.
+    static void expectWholeOrNothing(const Build& build) {
+        const std::string whole = dumped(build());
+        bool failed = true;
+        for (long granted = 0; failed; ++granted) {
+            const testing_support::JanssonMemory memory(granted, 1);
+            try {
+                const boost::shared_ptr<json_t> built = build();
+                failed = testing_support::JanssonMemory::failed;
+                ASSERT_EQ(dumped(built), whole) << granted;
+            } catch (const std::bad_alloc&) {
+                EXPECT_TRUE(testing_support::JanssonMemory::failed);
+            } catch (std::bad_alloc* thrown) {  // NOLINT(misc-throw-by-value-catch-by-reference): as it is thrown
+                const std::unique_ptr<std::bad_alloc> owner(thrown);
+            }
+        }
+    }
+
+    /// More than an array of jansson holds before it grows.
+    static std::list<ObjectNamespace> manyObjects() {
+        std::list<ObjectNamespace> objects;
+        for (int i = 0; i < 20; ++i) {
+            objects.emplace_back(std::to_string(i));
+        }
+        return objects;
+    }
+};
 
 class AnswerTest : public RegistrationFixture {
 protected:
@@ -101,6 +133,15 @@ TEST(RegistrationConstantsTest, HaveTheirNumbers) {
     EXPECT_EQ(HTTP_POST, 2);
     EXPECT_EQ(HTTP_DELETE, 3);
     EXPECT_EQ(HTTP_PATCH, 4);
+}
+
+TEST(RegistrationConstantsTest, NumberAndNameTheStatesOfObjects) {
+    EXPECT_EQ(READY, 0);
+    EXPECT_EQ(PENDING, 1);
+    EXPECT_EQ(DELETED, 2);
+    EXPECT_EQ(READY_STR, "READY");
+    EXPECT_EQ(PENDING_STR, "PENDING");
+    EXPECT_EQ(DELETED_STR, "DELETED");
 }
 
 TEST(RegistrationServiceTest, TalksToThePrimaryServerWithTheHostsCertificate) {
@@ -332,6 +373,27 @@ TEST_F(RequestBodyTest, SharesTheAccessControlAttributesWithTheRequest) {
     EXPECT_EQ(data->accessControlAttributes->refcount, 1U);
 }
 
+TEST_F(RequestBodyTest, NamesAllObjectsOfAStateUpdateOrNone) {
+    const std::list<ObjectNamespace> objects = manyObjects();
+    expectWholeOrNothing([&] { return Service::buildBulkStateUpdateRequest(objects, {}, objects); });
+}
+
+TEST_F(RequestBodyTest, NamesAllChildrenOrNone) {
+    const boost::shared_ptr<Data> data = dataOf(ObjectNamespace("A"), "HOST", manyObjects());
+    expectWholeOrNothing([&] { return Service::buildRegistrationRequest(data); });
+}
+
+TEST_F(RequestBodyTest, DescribesAllObjectsToRegisterOrNone) {
+    const std::list<boost::shared_ptr<Data> > data(20, dataOf(ObjectNamespace("A")));
+    expectWholeOrNothing([&] { return Service::buildBulkRegistrationRequest(data); });
+}
+
+TEST_F(RequestBodyTest, HoldsAnObjectTypeWhole) {
+    const boost::shared_ptr<json_t> described =
+        Service::buildRegistrationJSON(dataOf(ObjectNamespace("A"), std::string("A\0B", 3)));
+    EXPECT_THAT(dumped(described), testing::HasSubstr(R"("objectType":"A\u0000B")"));
+}
+
 TEST_F(RequestBodyTest, TakesAnObjectTypeThatIsNoTextForNoMemory) {
     const boost::shared_ptr<Data> data = dataOf(ObjectNamespace("A"), "\xFF");
     EXPECT_THROW(Service::buildRegistrationJSON(data), std::bad_alloc);
@@ -441,6 +503,20 @@ TEST_F(AnswerTest, NamesManyObjectsWithWhatWasRegisteredForEach) {
                     Pair(ObjectNamespace("C"), IsEmpty())));
     EXPECT_THAT(Service::extractBulkRegisteredNamespaces(answerOf("[]")), IsEmpty());
     EXPECT_THAT(log_.lines(), IsEmpty());
+}
+
+TEST_F(AnswerTest, IsLeftAloneWhereItIsOnlyLent) {
+    std::string lent = answerOf("[" + registered("|A|", {"|B|"}) + "]");
+    EXPECT_THAT(Service::extractBulkRegisteredNamespaces(lent),
+                ElementsAre(Pair(ObjectNamespace("A"), ElementsAre(ObjectNamespace("B")))));
+    EXPECT_EQ(lent, answerOf("[" + registered("|A|", {"|B|"}) + "]"));
+}
+
+TEST_F(AnswerTest, IsReleasedWhereItIsGivenAway) {
+    std::string given = answerOf("[" + registered("|A|", {"|B|"}) + "]");
+    EXPECT_THAT(Service::extractBulkRegisteredNamespaces(std::move(given)),
+                ElementsAre(Pair(ObjectNamespace("A"), ElementsAre(ObjectNamespace("B")))));
+    EXPECT_EQ(given.capacity(), std::string().capacity());  // NOLINT(bugprone-use-after-move): that is the question
 }
 
 TEST_F(AnswerTest, LosesNothingOfAnObjectThatIsInItTwice) {

@@ -25,9 +25,18 @@ protected:
         return line(16, "Callback failed, status=" + std::to_string(status) +
                             ". Rolling back unregistration for [|ASSETS|a+b%7Cc|]");
     }
+    static LogLine unregistered() { return line(4, "[|ASSETS|a+b%7Cc|] unregistered successfully."); }
     static LogLine undone() { return line(4, "Rollback successful."); }
 
     static HttpRequest change(const std::string& state) { return stateUpdate({{"|ASSETS|a+b%7Cc|", state}}); }
+
+    /// What was told of an exception of the callback.
+    void expectUndoing(const std::string& thrown, int status) const {
+        EXPECT_THAT(http_->requests, ElementsAre(change("PENDING"), change("READY")));
+        EXPECT_THAT(story(),
+                    ElementsAre(unregistering(), updating(0, 1, 0), sending(UPDATES), pending(), called("process"),
+                                line(8, thrown), undoing(status), updating(1, 0, 0), sending(UPDATES), undone()));
+    }
 
     /// The callback throws this; the object is made READY again.
     template <class Thrown>
@@ -82,8 +91,15 @@ TEST_F(UnregisterObjectTest, DeletesTheObjectWhenTheCallbackSucceeds) {
     EXPECT_EQ(run(), 0);
     EXPECT_THAT(http_->requests, ElementsAre(change("PENDING"), change("DELETED")));
     EXPECT_THAT(story(), ElementsAre(unregistering(), updating(0, 1, 0), sending(UPDATES), pending(), called("process"),
-                                     deleting(), updating(0, 0, 1), sending(UPDATES),
-                                     line(4, "[|ASSETS|a+b%7Cc|] unregistered successfully.")));
+                                     deleting(), updating(0, 0, 1), sending(UPDATES), unregistered()));
+}
+
+TEST_F(UnregisterObjectTest, DoesNotReadTheServicesAnswers) {
+    http_->answer(201, "no JSON");
+    http_->answer(201, "no JSON");
+    EXPECT_EQ(run(), 0);
+    EXPECT_THAT(story(), ElementsAre(unregistering(), updating(0, 1, 0), sending(UPDATES), pending(), called("process"),
+                                     deleting(), updating(0, 0, 1), sending(UPDATES), unregistered()));
 }
 
 TEST_F(UnregisterObjectTest, MakesTheObjectReadyAgainWhenTheCallbackFails) {
@@ -136,6 +152,23 @@ TEST_F(FailedPendingTest, HasTheServicesErrorCode) {
     EXPECT_THAT(http_->requests, ElementsAre(change("PENDING")));
 }
 
+TEST_F(FailedPendingTest, HasTheTransportsStatus) {
+    http_->fail(9554);
+    EXPECT_EQ(run(), 9554);
+    EXPECT_THAT(story(),
+                ElementsAre(unregistering(), updating(0, 1, 0), sending(UPDATES), unsent(UPDATES),
+                            line(16, "Failed to update object to pending, status=9554"), called("failed 9554")));
+    EXPECT_THAT(http_->requests, ElementsAre(change("PENDING")));
+}
+
+TEST_F(FailedPendingTest, HasTheGeneralStatusWhereThereIsNoClient) {
+    loseHttp();
+    EXPECT_EQ(run(), 114);
+    EXPECT_THAT(story(), ElementsAre(unregistering(), updating(0, 1, 0),
+                                     line(16, "Failed to update object to pending. Exception: no client"),
+                                     called("failed 114")));
+}
+
 TEST_F(FailedPendingTest, HasTheGeneralStatusForAnotherException) {
     http_->raise(std::runtime_error("no socket"));
     EXPECT_EQ(run(), 114);
@@ -160,12 +193,11 @@ TEST_F(UnregisterObjectTest, CarriesOnAfterStatusZeroAsAfterASuccess) {
     http_->answer(201);
     EXPECT_EQ(run(), 0);
     EXPECT_THAT(http_->requests, ElementsAre(change("PENDING"), change("DELETED")));
-    EXPECT_THAT(
-        story(),
-        ElementsAre(unregistering(), updating(0, 1, 0), sending(UPDATES),
-                    LogLine{16, SEND_TAG, "Failed to register object. HTTP response code = 500. error = 0"},
-                    line(16, "Failed to update object to pending, status=0"), pending(), called("process"), deleting(),
-                    updating(0, 0, 1), sending(UPDATES), line(4, "[|ASSETS|a+b%7Cc|] unregistered successfully.")));
+    EXPECT_THAT(story(),
+                ElementsAre(unregistering(), updating(0, 1, 0), sending(UPDATES),
+                            LogLine{16, SEND_TAG, "Failed to register object. HTTP response code = 500. error = 0"},
+                            line(16, "Failed to update object to pending, status=0"), pending(), called("process"),
+                            deleting(), updating(0, 0, 1), sending(UPDATES), unregistered()));
 }
 
 TEST_F(UnregisterObjectTest, UndoesAlsoAfterStatusZero) {
@@ -174,13 +206,27 @@ TEST_F(UnregisterObjectTest, UndoesAlsoAfterStatusZero) {
     callback_->work = [] { return 5; };
     EXPECT_EQ(run(), 8023);
     EXPECT_THAT(http_->requests, ElementsAre(change("PENDING"), change("READY")));
+    EXPECT_THAT(story(), ElementsAre(unregistering(), updating(0, 1, 0), sending(UPDATES),
+                                     line(16, "Failed to update object to pending, status=0"), pending(),
+                                     called("process"), undoing(5), updating(1, 0, 0), sending(UPDATES), undone()));
 }
 
 TEST_F(FailedDeletionTest, IsTheResultThoughTheCallbackSucceeded) {
     http_->answer(409, CONFLICT);
     EXPECT_EQ(run(), 8024);
-    EXPECT_EQ(story().back(), line(16, "Failed to delete [|ASSETS|a+b%7Cc|], status=5003"));
+    EXPECT_THAT(story(),
+                ElementsAre(unregistering(), updating(0, 1, 0), sending(UPDATES), pending(), called("process"),
+                            deleting(), updating(0, 0, 1), sending(UPDATES), LogLine{16, SEND_TAG, CONFLICT_LOG},
+                            line(16, "Failed to delete [|ASSETS|a+b%7Cc|], status=5003")));
     EXPECT_THAT(http_->requests, ElementsAre(change("PENDING"), change("DELETED")));
+}
+
+TEST_F(FailedDeletionTest, IsTheResultOfAFailedTransport) {
+    http_->fail(9554);
+    EXPECT_EQ(run(), 8024);
+    EXPECT_THAT(story(), ElementsAre(unregistering(), updating(0, 1, 0), sending(UPDATES), pending(), called("process"),
+                                     deleting(), updating(0, 0, 1), sending(UPDATES), unsent(UPDATES),
+                                     line(16, "Failed to delete [|ASSETS|a+b%7Cc|], status=9554")));
 }
 
 TEST_F(FailedDeletionTest, IsLoggedWithItsStatus) {
@@ -210,8 +256,18 @@ TEST_F(FailedDeletionTest, IsLoggedWithoutATextForWhatIsNoException) {
 TEST_F(FailedUndoingTest, IsTheResult) {
     http_->answer(409, CONFLICT);
     EXPECT_EQ(run(), 8025);
-    EXPECT_EQ(story().back(), line(16, "Failed to rollback, status=5003"));
+    EXPECT_THAT(story(), ElementsAre(unregistering(), updating(0, 1, 0), sending(UPDATES), pending(), called("process"),
+                                     undoing(9), updating(1, 0, 0), sending(UPDATES),
+                                     LogLine{16, SEND_TAG, CONFLICT_LOG}, line(16, "Failed to rollback, status=5003")));
     EXPECT_THAT(http_->requests, ElementsAre(change("PENDING"), change("READY")));
+}
+
+TEST_F(FailedUndoingTest, IsTheResultOfAFailedTransport) {
+    http_->fail(9554);
+    EXPECT_EQ(run(), 8025);
+    EXPECT_THAT(story(), ElementsAre(unregistering(), updating(0, 1, 0), sending(UPDATES), pending(), called("process"),
+                                     undoing(9), updating(1, 0, 0), sending(UPDATES), unsent(UPDATES),
+                                     line(16, "Failed to rollback, status=9554")));
 }
 
 TEST_F(FailedUndoingTest, IsLoggedWithItsStatus) {
@@ -242,30 +298,27 @@ TEST_F(FailedUndoingTest, LeavesTheCallbacksExceptionAsItIs) {
     http_->raise(std::runtime_error("no socket"));
     callback_->work = []() -> int { throw EC_exception(9); };
     EXPECT_EQ(thrownBy<EC_exception>([this] { run(); }).status, 9);
-    expectStory("Failed to rollback. Exception: no socket");
+    EXPECT_THAT(story(), ElementsAre(unregistering(), updating(0, 1, 0), sending(UPDATES), pending(), called("process"),
+                                     line(8, "Callback threw exception: " + getECmsg(9)), undoing(9), updating(1, 0, 0),
+                                     sending(UPDATES), line(16, "Failed to rollback. Exception: no socket")));
 }
 
 TEST_F(UnregisterObjectTest, MakesTheObjectReadyBeforeAnExceptionOfTheCallbackArrives) {
     EXPECT_STREQ(thrownThrough(std::runtime_error("no disk")).what(), "no disk");
-    EXPECT_THAT(http_->requests, ElementsAre(change("PENDING"), change("READY")));
-    EXPECT_THAT(story(), ElementsAre(unregistering(), updating(0, 1, 0), sending(UPDATES), pending(), called("process"),
-                                     undoing(114), updating(1, 0, 0), sending(UPDATES), undone()));
+    expectUndoing("Callback threw exception: no disk", 114);
 }
 
 TEST_F(UnregisterObjectTest, MakesTheObjectReadyBeforeAStatusThatTheCallbackThrowsArrives) {
     EXPECT_EQ(thrownThrough(EC_exception(77)).status, 77);
-    EXPECT_THAT(http_->requests, ElementsAre(change("PENDING"), change("READY")));
-    EXPECT_EQ(story()[5], undoing(77));
+    expectUndoing("Callback threw exception: " + getECmsg(77), 77);
 }
 
 TEST_F(UnregisterObjectTest, TakesStatusZeroThatTheCallbackThrowsForAFailure) {
     EXPECT_EQ(thrownThrough(EC_exception(0)).status, 0);
-    EXPECT_THAT(http_->requests, ElementsAre(change("PENDING"), change("READY")));
-    EXPECT_EQ(story()[5], undoing(0));
+    expectUndoing("Callback threw exception: success", 0);
 }
 
 TEST_F(UnregisterObjectTest, MakesTheObjectReadyBeforeWhatIsNoExceptionArrivesFromTheCallback) {
     EXPECT_EQ(thrownThrough(7), 7);
-    EXPECT_THAT(http_->requests, ElementsAre(change("PENDING"), change("READY")));
-    EXPECT_EQ(story()[5], undoing(114));
+    expectUndoing("Callback threw unknown exception.", 114);
 }

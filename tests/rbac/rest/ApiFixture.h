@@ -11,9 +11,27 @@
 
 #include <exception>
 #include <functional>
+#include <locale>
 #include <new>
 #include <string>
 #include <vector>
+
+/// While it lives, the program's locale writes 1234567 as 1,234,567.
+class GroupingLocale {
+public:
+    GroupingLocale() : before_(std::locale::global(std::locale(std::locale::classic(), new Grouping))) {}
+    ~GroupingLocale() { std::locale::global(before_); }
+    GroupingLocale(const GroupingLocale&) = delete;
+    GroupingLocale& operator=(const GroupingLocale&) = delete;
+
+private:
+    class Grouping : public std::numpunct<char> {
+        char do_thousands_sep() const override { return ','; }
+        std::string do_grouping() const override { return "\3"; }
+    };
+
+    std::locale before_;
+};
 
 /// A host with a primary server whose answers are scripted.
 class ApiFixture : public testing::Test {

@@ -408,6 +408,14 @@ TEST_F(ManagedObjectApiTest, RefusesTextsThatCannotBeConverted) {
     }
 }
 
+TEST_F(ManagedObjectApiTest, ReadsTheIdOfARoleWhateverTheLocale) {
+    const GroupingLocale locale;
+    Definition definition;
+    definition.roleId = "1234567";
+    EXPECT_EQ(read(definition).roleId, 1234567);
+    EXPECT_EQ(outcomeWith({{&Definition::roleId, "1,234,567"}}), BAD_CAST);
+}
+
 TEST_F(ManagedObjectApiTest, ReadsTheExtremeIdsOfARole) {
     Definition definition;
     definition.roleId = "2147483647";

@@ -1,5 +1,6 @@
 #include "rbac/rest/Rbac2Json.h"
 #include "testing/FailingAllocations.h"
+#include "testing/JanssonMemory.h"
 #include "testing/LogCapture.h"
 
 #include <rbac/EC_exception.h>
@@ -8,7 +9,6 @@
 #include <gmock/gmock.h>
 #include <malloc.h>
 
-#include <cstdlib>
 #include <functional>
 #include <list>
 #include <memory>
@@ -18,6 +18,7 @@
 using namespace Tesmor::Arkwell::Rbac;
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing_support::JanssonMemory;
 using testing_support::LogCapture;
 using testing_support::LogLine;
 
@@ -48,39 +49,6 @@ bool throwsAPointer(Make make) {
     }
     return false;
 }
-
-// NOLINTBEGIN(cppcoreguidelines-no-malloc): what jansson uses
-
-/// While it lives, jansson's memory is counted, or there is none.
-class JanssonMemory {
-public:
-    explicit JanssonMemory(bool exhausted) {
-        blocks = 0;
-        if (exhausted) {
-            json_set_alloc_funcs([](std::size_t /*size*/) -> void* { return nullptr; }, std::free);
-        } else {
-            json_set_alloc_funcs(allocate, release);
-        }
-    }
-    ~JanssonMemory() { json_set_alloc_funcs(std::malloc, std::free); }
-    JanssonMemory(const JanssonMemory&) = delete;
-    JanssonMemory& operator=(const JanssonMemory&) = delete;
-
-    /// Blocks that are not released yet.
-    static inline int blocks = 0;
-
-private:
-    static void* allocate(std::size_t size) {
-        ++blocks;
-        return std::malloc(size);
-    }
-    static void release(void* block) {
-        blocks -= block != nullptr ? 1 : 0;
-        std::free(block);
-    }
-};
-
-// NOLINTEND(cppcoreguidelines-no-malloc)
 
 std::size_t heapInUse() {
     const struct mallinfo2 heap = mallinfo2();
@@ -142,7 +110,7 @@ TEST(Rbac2JsonTest, ThrowsAPointerForAStringThatIsNotUtf8) {
 }
 
 TEST(Rbac2JsonTest, ThrowsAPointerWhereThereIsNoMemoryForAValue) {
-    const JanssonMemory memory(true);
+    const JanssonMemory memory(0);
     EXPECT_TRUE(throwsAPointer([] { json_array_shared(); }));
     EXPECT_TRUE(throwsAPointer([] { json_object_shared(); }));
     EXPECT_TRUE(throwsAPointer([] { json_string_shared("a"); }));
@@ -165,7 +133,7 @@ TEST(Rbac2JsonTest, ReleasesAValueThatNoPointerCanBeMadeFor) {
                               {"json_namespaces_shared", 2, [&] { json_namespaces_shared(list); }}};
     for (const Helper& helper : helpers) {
         SCOPED_TRACE(helper.name);
-        const JanssonMemory memory(false);
+        const JanssonMemory memory;
         const LogCapture log;
         EXPECT_EQ(testing_support::failEachAllocation(helper.make, [] { EXPECT_EQ(JanssonMemory::blocks, 0); }),
                   helper.pointers);

@@ -2,7 +2,11 @@
 
 #include <rbac/RoleAPI.h>
 
+#include <boost/lexical_cast.hpp>
+
+#include <random>
 #include <stdexcept>
+#include <string_view>
 #include <utility>
 
 using namespace Tesmor::Arkwell::Rbac;
@@ -134,6 +138,40 @@ TEST_F(RoleApiTest, RefusesAnIdThatIsNoNumber) {
     }
 }
 
+TEST_F(RoleApiTest, ReadsAnIdWhateverTheLocale) {
+    const GroupingLocale locale;
+    EXPECT_EQ(role(roleWithId("\"1234567\"")).id, 1234567);
+    EXPECT_EQ(outcomeOfRole(roleWithId("\"1,234,567\"")),
+              std::string("9103 [Role::Role] Invalid role ID in response: 1,234,567 (") + BAD_CAST + ")");
+}
+
+TEST_F(RoleApiTest, ReadsAnIdAsLexicalCastDoes) {
+    std::mt19937 random(5);  // NOLINT(cert-msc51-cpp): the same numbers in every run
+    constexpr std::string_view PIECES = "0123456789++--, .ex";
+    std::vector<std::string> texts = {
+        "+7", "+-7", "-+7", "-0", "+", "-", "2147483647", "+2147483647", "-2147483648", "-2147483649", "0000000000007"};
+    for (int i = 0; i < 3000; ++i) {
+        std::string text;
+        for (auto left = random() % 4; left > 0; --left) {
+            text += PIECES[random() % PIECES.size()];
+        }
+        texts.push_back(text);
+    }
+    for (const std::string& text : texts) {
+        std::string expected = "none";
+        try {
+            const int id = boost::lexical_cast<int>(text);
+            expected = id < 0 ? "9103 [Role::Role] Invalid role ID in response: " + text : std::to_string(id);
+        } catch (const boost::bad_lexical_cast& failure) {
+            expected = "9103 [Role::Role] Invalid role ID in response: " + text + " (" + failure.what() + ")";
+        }
+        int id = 0;
+        http_->answer(200, data(roleWithId('"' + text + '"')));
+        const std::string outcome = outcomeOf([&] { id = api_.get_role(7).id; });
+        ASSERT_EQ(outcome == "none" ? std::to_string(id) : outcome, expected) << text;
+    }
+}
+
 TEST_F(RoleApiTest, RefusesANegativeId) {
     EXPECT_EQ(outcomeOfRole(roleWithId("\"-1\"")), "9103 [Role::Role] Invalid role ID in response: -1");
 }
@@ -221,6 +259,19 @@ TEST_F(RoleApiTest, SendsNoTextThatIsNotUtf8) {
     EXPECT_EQ(outcomeOf([this] { api_.create_role("n", "\xFF"); }), expected);
     EXPECT_EQ(outcomeOf([&] { api_.update_role(changed); }), expected);
     EXPECT_THAT(http_->requests, IsEmpty());
+}
+
+TEST_F(RoleApiTest, SendsTextsWhole) {
+    Role changed = role();
+    changed.name = std::string("n\0m", 3);
+    changed.description = std::string("d\0e", 3);
+    http_->requests.clear();
+    http_->answer(201, data(ROLE));
+    api_.create_role(changed.name, "");
+    http_->answer(204);
+    api_.update_role(changed);
+    EXPECT_EQ(http_->requests[0].body, R"({"data":{"type":"accessControlRole","attributes":{"name":"n\u0000m"}}})");
+    EXPECT_EQ(http_->requests[1].body, documentOf("n\\u0000m", "d\\u0000e"));
 }
 
 TEST_F(RoleApiTest, UpdatesARoleByItsLink) {
