@@ -45,11 +45,14 @@ PublishedChange StateChange::published() const {
     return change;
 }
 
-AccessService::AccessService(std::string stateFile, const std::string& publicationFolder)
+AccessService::AccessService(std::string stateFile, const std::string& publicationFolder,
+                             const CacheWriterOptions& writer)
     : stateFile_(std::move(stateFile)),
       database_(stateFile_),
-      publisher_(publicationFolder, {[this] { return ObjectTable(*borrowReader()).model(); },
-                                     [this] { return OperationTable(*borrowReader()).bitNumbers(); }}) {
+      publisher_(publicationFolder,
+                 {[this] { return ObjectTable(*borrowReader()).model(); },
+                  [this] { return OperationTable(*borrowReader()).bitNumbers(); }},
+                 writer) {
     readers_.reserve(MOST_IDLE_READERS);
     createServiceTables(database_);
     std::list<PublishedChange> everything(1);

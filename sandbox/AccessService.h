@@ -47,8 +47,8 @@ class AccessService {
 public:
     /// Opens the state and publishes what it says, in case that was interrupted the last time.
     ///
-    /// @param publicationFolder see Publisher.
-    AccessService(std::string stateFile, const std::string& publicationFolder);
+    /// @param publicationFolder see Publisher, as for `writer`.
+    AccessService(std::string stateFile, const std::string& publicationFolder, const CacheWriterOptions& writer = {});
 
     /// Makes a change: all of it or, where `make` throws, nothing.
     ///

@@ -1,5 +1,7 @@
 #include "sandbox/CacheImage.h"
 
+#include <rbac/CacheVerification.h>
+
 #include <algorithm>
 #include <cstring>
 #include <stdexcept>
@@ -138,8 +140,8 @@ void writeTree(std::vector<Node>& nodes, std::size_t first, const std::vector<Tr
     }
 }
 
-/// The role trees of a model's grant lists. Lists that no object has are laid out as well: they keep the place of the
-/// others.
+/// The role trees of a model's grant lists. Those of lists that no object has keep their place, so that the others keep
+/// theirs, but are not written: their records are free.
 class RoleTrees {
 public:
     struct Roots {
@@ -147,7 +149,7 @@ public:
         NodeOffset child = 0;
     };
 
-    /// Finds out what trees there will be, and where.
+    /// Finds out what trees there can be, and where.
     explicit RoleTrees(const AccessModel& model) {
         lists_.reserve(model.grantListCount());
         for (std::uint32_t list = 0; list < model.grantListCount(); ++list) {
@@ -160,15 +162,18 @@ public:
     /// Record 0 included.
     std::uint64_t records() const { return records_; }
 
+    /// Writes those that have been used.
     void write(std::vector<RoleNode>& nodes) {
         TreeLayouts layouts;
         for (const Tree& tree : trees_) {
-            writeRoleTree(nodes, tree, layouts);
+            if (tree.isUsed) {
+                writeRoleTree(nodes, tree, layouts);
+            }
         }
     }
 
-    /// For an image whose nodes file is within its limit.
-    Roots rootsOf(std::uint32_t list) const { return {rootOf(lists_[list].own), rootOf(lists_[list].child)}; }
+    /// The roots of the trees of an object that has this list. For an image whose nodes file is within its limit.
+    Roots use(std::uint32_t list) { return {useTree(lists_[list].own), useTree(lists_[list].child)}; }
 
 private:
     /// 32 operations of one role.
@@ -185,6 +190,7 @@ private:
     struct Tree {
         Words words;
         std::uint64_t firstRecord;
+        bool isUsed;
     };
     /// Trees by number.
     struct List {
@@ -206,8 +212,13 @@ private:
         std::size_t wordRecords = 0;
     };
 
-    NodeOffset rootOf(std::uint32_t tree) const {
-        return tree == HashIndex::NONE ? 0 : offsetOf<RoleNode>(trees_[tree].firstRecord);
+    NodeOffset useTree(std::uint32_t number) {
+        if (number == HashIndex::NONE) {
+            return 0;
+        }
+        Tree& tree = trees_[number];
+        tree.isUsed = true;
+        return offsetOf<RoleNode>(tree.firstRecord);
     }
 
     /// The number of the tree that holds all grants but those of one scope, or NONE where there are no others.
@@ -266,7 +277,7 @@ private:
 
     std::uint32_t addTree(std::uint32_t hash, Words words) {
         const auto number = static_cast<std::uint32_t>(trees_.size());
-        trees_.push_back({words, records_});
+        trees_.push_back({words, records_, false});
         treeIndex_.add(hash, number);
         takeApart(words);
         records_ += parts_.roles.size() + parts_.wordRecords;
@@ -410,13 +421,13 @@ struct SegmentCount {
 /// Writes segments and objects.
 class SegmentLayout {
 public:
-    SegmentLayout(const AccessModel& model, const RoleTrees& roleTrees, CacheImage& image)
+    SegmentLayout(const AccessModel& model, RoleTrees& roleTrees, CacheImage& image)
         : model_(model), roleTrees_(roleTrees), image_(image) {}
 
     void object(std::uint32_t node, std::uint32_t index) {
         const AccessModel::Entry entry = model_.entry(index);
         if (entry.state == ObjectState::READY) {
-            const RoleTrees::Roots roots = roleTrees_.rootsOf(entry.grantList);
+            const RoleTrees::Roots roots = roleTrees_.use(entry.grantList);
             ManagedObject& record = image_.objects[objects_];
             record.inherit = entry.inherit ? 1 : 0;
             record.ownRoles = roots.own;
@@ -444,7 +455,7 @@ public:
 
 private:
     const AccessModel& model_;
-    const RoleTrees& roleTrees_;
+    RoleTrees& roleTrees_;
     CacheImage& image_;
     TreeLayouts layouts_;
     std::size_t objects_ = 1;
@@ -516,10 +527,19 @@ CacheImage CacheImage::build(const AccessModel& model, const ImageLimits& limits
     image.objects.resize(texts.size() + 1);
     image.nodes.resize(roleTrees.records());
     image.segments.resize(segmentCount.records);
-    roleTrees.write(image.nodes);
     SegmentLayout layout(model, roleTrees, image);
     walkTexts(texts, layout);
+    roleTrees.write(image.nodes);
     return image;
+}
+
+void CacheImage::requireSound() const {
+    Rbac::verifyCacheBytes({metadataBytes(), objectBytes(), nodeBytes(), segmentBytes()},
+                           [](const Rbac::CacheFault& fault) -> bool {
+                               throw std::runtime_error("the new cache is not sound: " + fault.file + " at " +
+                                                        std::to_string(fault.offset) + ", object \"" +
+                                                        fault.objectText + "\": " + fault.what);
+                           });
 }
 
 std::string_view CacheImage::metadataBytes() const {

@@ -46,7 +46,8 @@ struct ImageLimits {
 ///
 /// A segment tree's nodes lie together, in layoutOrder(), followed by the trees of the segments that may follow each of
 /// them, in the order of the keys and depth first. Objects have the same order. A role tree's nodes are followed by its
-/// word trees; role trees have the order of the model's grant lists.
+/// word trees; role trees have the order of the model's grant lists. The place of those that no object has is all
+/// zeros.
 struct CacheImage {
     using RoleNode = Rbac::TreeNode<int, Rbac::NodeBits>;
 
@@ -59,6 +60,11 @@ struct CacheImage {
     ///
     /// @throws std::length_error if a file would exceed its limit.
     static CacheImage build(const AccessModel& model, const ImageLimits& limits = {});
+
+    /// Makes sure that readers can rely on the image.
+    ///
+    /// @throws std::runtime_error with the first fault that Rbac::verifyCacheBytes() finds.
+    void requireSound() const;
 
     std::string_view metadataBytes() const;
     std::string_view objectBytes() const;

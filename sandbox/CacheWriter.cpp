@@ -437,6 +437,9 @@ CacheWriter::CacheWriter(std::string directory, CacheWriterOptions options)
 
 PublicationReport CacheWriter::publish(const AccessModel& model) const {
     CacheImage image = CacheImage::build(model, options_.limits);
+    if (options_.verify) {
+        image.requireSound();
+    }
     const std::string manifest = manifestFor(model.scope);
     const std::string manifestPath = directory_ + "/" + AccessCache::MANIFEST_FILE_NAME;
     const std::string writersPath = directory_ + "/" + WRITER_LOCK_NAME;

@@ -17,6 +17,8 @@ struct CacheWriterOptions {
     /// the old cache, the new one, or one that says of itself that it is being rewritten. Without it, that is promised
     /// only for the end of the process.
     bool durable = true;
+    /// Whether the new cache is verified, in memory, before anything on disk is touched.
+    bool verify = false;
     ImageLimits limits = {};
     /// Called before every step that changes something on disk, with what is about to be done ("write objects"). What
     /// it throws ends the publication there. For tests of interrupted publications.
@@ -48,9 +50,10 @@ public:
     /// Publishes the model. Waits without limit for readers and other writers, so the calling thread must not hold a
     /// Reader of this cache.
     ///
-    /// @throws std::length_error: the model is too large; std::invalid_argument: its scope is not UTF-8. Nothing is
-    /// touched then. std::system_error, naming the file: the disk does not do its part; EC_exception: the same of a
-    /// lock. The cache is then what it was, or refused by readers.
+    /// @throws std::length_error: the model is too large; std::invalid_argument: its scope is not UTF-8;
+    /// std::runtime_error: the new cache was verified and is not sound. Nothing is touched then. std::system_error,
+    /// naming the file: the disk does not do its part; EC_exception: the same of a lock. The cache is then what it was,
+    /// or refused by readers.
     PublicationReport publish(const AccessModel& model) const;
 
 private:

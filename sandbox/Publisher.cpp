@@ -1,6 +1,5 @@
 #include "sandbox/Publisher.h"
 
-#include "sandbox/CacheWriter.h"
 #include "sandbox/LogLevels.h"
 
 #include <platform/Logger.h>
@@ -24,8 +23,11 @@ bool any(const std::list<PublishedChange>& changes, bool PublishedChange::*quest
 
 }  // namespace
 
-Publisher::Publisher(std::string folder, PublicationSource source)
-    : folder_(std::move(folder)), source_(std::move(source)), retrying_([this] { retry(); }) {}
+Publisher::Publisher(std::string folder, PublicationSource source, CacheWriterOptions writer)
+    : folder_(std::move(folder)),
+      source_(std::move(source)),
+      writer_(std::move(writer)),
+      retrying_([this] { retry(); }) {}
 
 Publisher::~Publisher() {
     {
@@ -114,7 +116,7 @@ void Publisher::publish(const std::list<PublishedChange>& changes) {
                           [this](const ModelObject& object) { model_.add(object); });
         }
     }
-    CacheWriter(folder_ + "/access-caches/" + CACHE_ID).publish(model_);
+    CacheWriter(folder_ + "/access-caches/" + CACHE_ID, writer_).publish(model_);
     isCurrent_ = true;
 }
 

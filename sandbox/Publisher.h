@@ -1,6 +1,7 @@
 #pragma once
 
 #include "sandbox/AccessModel.h"
+#include "sandbox/CacheWriter.h"
 
 #include <condition_variable>
 #include <cstdint>
@@ -37,7 +38,8 @@ public:
     static constexpr char CACHE_ID[] = "all";
 
     /// @param folder where "operation-cache.json" and the folder "access-caches" are.
-    Publisher(std::string folder, PublicationSource source);
+    /// @param writer how the access cache is written.
+    Publisher(std::string folder, PublicationSource source, CacheWriterOptions writer = {});
     ~Publisher();
     Publisher(const Publisher&) = delete;
     Publisher& operator=(const Publisher&) = delete;
@@ -59,6 +61,7 @@ private:
 
     const std::string folder_;
     const PublicationSource source_;
+    const CacheWriterOptions writer_;
 
     AccessModel model_;       // of who is publishing
     bool isCurrent_ = false;  // whether the model is as it was published last; of who is publishing

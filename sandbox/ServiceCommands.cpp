@@ -107,6 +107,7 @@ void ServiceCommands::addServe(CLI::App& app) {
                         "address to listen on; may be given several times; without it, 127.0.0.1 and ::1");
     command->add_option("--fault", faults_,
                         "[METHOD ]PATH=KIND[:ARGUMENT][@N], requests to answer wrongly; may be given several times");
+    command->add_flag("--verify", writer_.verify, "verify each access cache before it is published");
 }
 
 void ServiceCommands::addState(CLI::App& app) {
@@ -172,7 +173,7 @@ void ServiceCommands::serve() const {
     if (!lock) {
         throw std::runtime_error("a service runs on " + folder_ + " already");
     }
-    AccessService service(folder.stateFile(), folder.publicationFolder());
+    AccessService service(folder.stateFile(), folder.publicationFolder(), writer_);
     ServiceServerOptions options = server_;
     options.files = folder.serviceFiles();
     ServiceServer server(

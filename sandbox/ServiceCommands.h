@@ -1,5 +1,6 @@
 #pragma once
 
+#include "sandbox/CacheWriter.h"
 #include "sandbox/JsonText.h"
 #include "sandbox/ServiceServer.h"
 
@@ -54,6 +55,7 @@ private:
 
     const std::string& folder_;
     ServiceServerOptions server_;
+    CacheWriterOptions writer_;
     std::vector<std::string> faults_;
     std::string path_;
     std::vector<std::string> revoked_;

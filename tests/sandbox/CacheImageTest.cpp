@@ -435,12 +435,34 @@ TEST(CacheImage, ChangedGrantsMoveNothing) {
     model.add(named(A | "50", {{500, 1, GrantScope::OBJECT}, {501, 1, GrantScope::CHILDREN}}));
     const CacheImage after = CacheImage::build(model);
     EXPECT_TRUE(before.segmentBytes() == after.segmentBytes());
-    EXPECT_EQ(before.nodeBytes(), after.nodeBytes().substr(0, before.nodeBytes().size()));
+    // Record 0, and two for each of the lists before.
+    std::string kept(before.nodeBytes());
+    kept.replace(std::size_t{24} * 101, 48, std::string(48, '\0'));
+    EXPECT_TRUE(kept == after.nodeBytes().substr(0, kept.size()));
     unsigned changed = 0;
     for (std::size_t i = 0; i < before.objects.size(); ++i) {
         changed += before.objectBytes().substr(i * 16, 16) == after.objectBytes().substr(i * 16, 16) ? 0U : 1U;
     }
     EXPECT_EQ(changed, 1U);
+}
+
+TEST(CacheImage, ListThatIsUsedAgainHasItsOldPlace) {
+    AccessModel model = modelOf({named(A, {{3, 5, GrantScope::OBJECT}}), named(A | "x", {{4, 5, GrantScope::OBJECT}})});
+    const CacheImage before = CacheImage::build(model);
+    model.add(named(A));
+    const CacheImage between = CacheImage::build(model);
+    model.add(named(A, {{3, 5, GrantScope::OBJECT}}));
+    const CacheImage after = CacheImage::build(model);
+    EXPECT_EQ(between.nodeBytes().substr(24, 48), std::string(48, '\0'));
+    EXPECT_EQ(between.nodeBytes().substr(72), before.nodeBytes().substr(72));
+    EXPECT_EQ(after.nodeBytes(), before.nodeBytes());
+}
+
+TEST(CacheImage, TreesOfObjectsThatAreNotReadyAreFree) {
+    const CacheImage image =
+        CacheImage::build(modelOf({{A, true, ObjectState::PENDING, {{3, 5, GrantScope::OBJECT}}},
+                                   {A | "d", true, ObjectState::DELETED, {{4, 5, GrantScope::OBJECT}}}}));
+    EXPECT_EQ(image.nodeBytes(), std::string(std::size_t{24} * 5, '\0'));
 }
 
 TEST(CacheImage, MetadataSayWhatTheCacheIs) {

@@ -44,6 +44,20 @@ TEST(ServiceLifecycleTest, SaysWhereItServes) {
     EXPECT_EQ(service.greeting(), "serving on 127.0.0.1:" + std::to_string(service.port()));
 }
 
+TEST(ServiceLifecycleTest, PublishesWhatItHasVerified) {
+    const ServiceFolder folder;
+    const ServiceProcess service(folder, {"--verify"});
+    ServiceClient client("localhost", service.port(), folder.hostFiles());
+    ASSERT_EQ(client.post("object-registration-requests", registrationDocument(DB)).status, 201);
+    ASSERT_EQ(client.post("bulk-object-update-requests", updateDocument({{DB, "READY"}})).status, 201);
+    ASSERT_EQ(
+        client
+            .post("managed-objects/" + encoded(DB) + "/access-definitions", definitionDocument("1", "OBJECT", {"VIEW"}))
+            .status,
+        201);
+    EXPECT_TRUE(folder.allows(1, 0, DB));
+}
+
 TEST(ServiceLifecycleTest, StopsCleanlyWhenItIsTold) {
     for (const int number : {SIGTERM, SIGINT, SIGHUP}) {
         const ServiceFolder folder;

@@ -1,6 +1,7 @@
 #include "testing/SystemCalls.h"
 
 #include <dlfcn.h>
+#include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -127,5 +128,23 @@ __attribute__((visibility("default"))) int fstat(int descriptor, struct stat* st
         return -1;
     }
     return real(descriptor, status);
+}
+
+__attribute__((visibility("default"))) ssize_t pread(int descriptor, void* to, std::size_t size, off_t offset) {
+    static const auto real = next<ssize_t (*)(int, void*, std::size_t, off_t)>("pread");
+    if (const int error = errorFor(SystemCall::PREAD, descriptor)) {
+        errno = error;
+        return -1;
+    }
+    return real(descriptor, to, size, offset);
+}
+
+__attribute__((visibility("default"))) int flock(int descriptor, int operation) noexcept {
+    static const auto real = next<int (*)(int, int)>("flock");
+    if (const int error = errorFor(SystemCall::FLOCK, descriptor)) {
+        errno = error;
+        return -1;
+    }
+    return real(descriptor, operation);
 }
 }

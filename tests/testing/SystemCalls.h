@@ -33,7 +33,7 @@ public:
     std::vector<FileMapping> made() const;
 };
 
-enum class SystemCall { MMAP, FSTAT };
+enum class SystemCall { MMAP, FSTAT, PREAD, FLOCK };
 
 /// While it lives, a system call on the file fails with `error`. One at a time.
 class FailingCall {
