@@ -65,8 +65,11 @@ Sandbox::AccessModel corpusModel(std::size_t count) {
 }
 
 BenchCache BenchCache::ofCorpus(std::size_t count) {
+    return of(corpusModel(count));
+}
+
+BenchCache BenchCache::of(const Sandbox::AccessModel& model) {
     BenchCache cache;
-    const Sandbox::AccessModel model = corpusModel(count);
     Sandbox::CacheWriter(cache.directory_).publish(model);
     cache.texts_.reserve(model.objectCount());
     for (std::size_t i = 0; i < model.objectCount(); ++i) {

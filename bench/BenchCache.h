@@ -18,6 +18,8 @@ class BenchCache {
 public:
     /// The cache of corpusModel(count).
     static BenchCache ofCorpus(std::size_t count);
+    /// The cache of any model.
+    static BenchCache of(const Tesmor::Arkwell::Sandbox::AccessModel& model);
     ~BenchCache();
     BenchCache(BenchCache&& other) noexcept;
     BenchCache& operator=(BenchCache&&) = delete;

@@ -123,14 +123,14 @@ bool DocumentValue::boolean() const {
     return json_is_true(value_);
 }
 
-std::int32_t DocumentValue::number() const {
+std::int32_t DocumentValue::number(std::int32_t smallest) const {
     constexpr auto LARGEST = std::numeric_limits<std::int32_t>::max();
-    if (json_is_integer(value_) && json_integer_value(value_) >= 0 && json_integer_value(value_) <= LARGEST) {
+    if (isNumber() && json_integer_value(value_) >= smallest && json_integer_value(value_) <= LARGEST) {
         return static_cast<std::int32_t>(json_integer_value(value_));
     }
     std::int32_t number = 0;
-    if (!json_is_string(value_) || !boost::conversion::try_lexical_convert(text(), number) || number < 0) {
-        refuse("must be an integer of 0 to 2147483647");
+    if (!json_is_string(value_) || !boost::conversion::try_lexical_convert(text(), number) || number < smallest) {
+        refuse("must be an integer of " + std::to_string(smallest) + " to " + std::to_string(LARGEST));
     }
     return number;
 }

@@ -51,8 +51,9 @@ public:
 
     std::string text() const;
     bool boolean() const;
-    /// An integer, or a text that spells one in decimal: at least 0, of 32 bits.
-    std::int32_t number() const;
+    bool isNumber() const { return json_is_integer(value_); }
+    /// An integer, or a text that spells one in decimal: at least `smallest`, of 32 bits.
+    std::int32_t number(std::int32_t smallest = 0) const;
     /// @throws ServiceError of the kind NAMESPACE_MALFORMED for a text that is none.
     Rbac::ObjectNamespace objectName() const;
 

@@ -26,7 +26,7 @@ namespace Rbac {
 // several threads at once.
 
 /// Visits the objects at and below `below` on which the roles may perform the operation, of those that the cache holds,
-/// in the bytewise order of their texts.
+/// in the bytewise order of their texts. (Bytes beyond ASCII, which few locales let into texts, may come first.)
 ///
 ///     std::vector<std::string> hosts;
 ///     forEachAllowedObject(client, roles, root_namespaces::operations::VIEW, root_namespaces::ASSETS,

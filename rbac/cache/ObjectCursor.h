@@ -24,7 +24,7 @@ inline void appendSegment(std::string& text, std::int32_t value) {
 /// Needs memory for the way to one object, not for what the cache holds. The view must outlive it.
 class ObjectCursor {
 public:
-    /// Stands before the first object at or below the namespace with the text `below`.
+    /// Stands before the first object at or below the namespace with the text `below`, which is not empty.
     ObjectCursor(const CacheView& cache, std::string_view below) : cache_(cache) {
         NodeOffset root = cache.segmentRoot;
         while (root != 0 && text_.size() < below.size()) {
