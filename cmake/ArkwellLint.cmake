@@ -9,7 +9,7 @@ file(GLOB_RECURSE lint_sources CONFIGURE_DEPENDS RELATIVE ${PROJECT_SOURCE_DIR}
 list(FILTER lint_sources EXCLUDE REGEX "^tests/install/")
 file(GLOB_RECURSE lint_headers CONFIGURE_DEPENDS
     include/*.h platform/*.h rbac/*.h jwt/*.h sandbox/*.h tools/*.h tests/*.h)
-file(GLOB_RECURSE lint_settings CONFIGURE_DEPENDS tests/.clang-tidy sandbox/.clang-tidy)
+file(GLOB_RECURSE lint_settings CONFIGURE_DEPENDS tests/.clang-tidy sandbox/.clang-tidy tools/.clang-tidy)
 list(APPEND lint_settings ${PROJECT_SOURCE_DIR}/.clang-tidy)
 
 set(lint_stamps)
