@@ -1,7 +1,5 @@
 #include "jwt/AuthDatabaseFixture.h"
 
-#include "testing/PostgresCluster.h"
-
 #include <platform/Dal.h>
 
 #include <stdexcept>
@@ -13,12 +11,6 @@ using Tesmor::Arkwell::Sandbox::DatabaseServer;
 
 namespace {
 
-/// One server for all tests of the program; making one takes a second.
-PostgresCluster& cluster() {
-    static PostgresCluster running;
-    return running;
-}
-
 std::string quoted(const std::string& text) {
     std::string json = "\"";
     for (const char c : text) {
@@ -28,6 +20,12 @@ std::string quoted(const std::string& text) {
 }
 
 }  // namespace
+
+// Making one takes a second.
+PostgresCluster& AuthDatabaseFixture::cluster() {
+    static PostgresCluster running;
+    return running;
+}
 
 AuthDatabaseFixture::AuthDatabaseFixture() {
     if (GetParam() == DatabaseServer::SQLITE) {

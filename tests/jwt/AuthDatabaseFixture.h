@@ -4,6 +4,7 @@
 #include "platform/SettingsFixture.h"
 #include "sandbox/AuthDatabase.h"
 #include "testing/LogCapture.h"
+#include "testing/PostgresCluster.h"
 
 #include <gtest/gtest.h>
 
@@ -18,6 +19,8 @@ protected:
     AuthDatabaseFixture();
     ~AuthDatabaseFixture() override;
 
+    /// The PostgreSQL server of all tests of the program.
+    static PostgresCluster& cluster();
     /// The settings file's text, for a connection string and what is executed on it first.
     static std::string settings(const std::string& connectionString, const std::string& onConnect, int debugLevel);
     /// Writes debug messages of up to this level.

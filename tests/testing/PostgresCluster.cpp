@@ -6,6 +6,7 @@
 #include <grp.h>
 #include <pwd.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -58,6 +59,12 @@ std::vector<pid_t> childrenOf(pid_t parent) {
     return children;
 }
 
+/// Whether it is neither gone nor waiting for its parent to take note of its end.
+bool isRunning(pid_t process) {
+    std::ifstream commandLine("/proc/" + std::to_string(process) + "/cmdline");
+    return commandLine.get() != std::ifstream::traits_type::eof();
+}
+
 int exitStatus(pid_t process) {
     int status = 0;
     while (waitpid(process, &status, 0) < 0) {
@@ -86,12 +93,12 @@ void PostgresCluster::initialise() const {
          "--auth=scram-sha-256", "--encoding=UTF8", "--locale=C", "--no-sync"});
 }
 
-void PostgresCluster::start() {
+void PostgresCluster::start(unsigned long largestFile) {
     const int log = open((directory_ / "log").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
     server_ = spawn({programs_ + "postgres", "-D", directory_ / "data", "-p", std::to_string(port_), "-c",
                      "listen_addresses=127.0.0.1", "-c", "unix_socket_directories=" + directory_.path(), "-c",
                      "fsync=off", "-c", "shared_buffers=8MB", "-c", "max_connections=40"},
-                    log);
+                    log, largestFile);
     close(log);
     while (!runs({programs_ + "pg_isready", "-q", "-h", "127.0.0.1", "-p", std::to_string(port_)})) {
         if (hasExited()) {
@@ -114,6 +121,22 @@ void PostgresCluster::stop() {
         kill(server_, SIGQUIT);
         exitStatus(server_);
         server_ = -1;
+    }
+}
+
+void PostgresCluster::crash() {
+    // Once it is dead, nobody knows its children.
+    const std::vector<pid_t> children = childrenOf(server_);
+    kill(server_, SIGKILL);
+    for (const pid_t child : children) {
+        kill(child, SIGKILL);
+    }
+    exitStatus(server_);
+    server_ = -1;
+    for (const pid_t child : children) {
+        while (isRunning(child)) {
+            usleep(1000);
+        }
     }
 }
 
@@ -165,13 +188,14 @@ std::string PostgresCluster::connectionString(const std::string& options, const 
 }
 
 /// @param output where the standard output and the standard error stream go.
-pid_t PostgresCluster::spawn(const std::vector<std::string>& arguments, int output) const {
+pid_t PostgresCluster::spawn(const std::vector<std::string>& arguments, int output, unsigned long largestFile) const {
     std::vector<char*> pointers;
     for (const std::string& argument : arguments) {
         pointers.push_back(const_cast<char*>(argument.c_str()));  // NOLINT(cppcoreguidelines-pro-type-const-cast)
     }
     pointers.push_back(nullptr);
     const passwd* user = asRoot_ ? &serverUser() : nullptr;
+    const rlimit fileSize{largestFile, largestFile};
     const pid_t parent = getpid();
     const pid_t child = fork();
     if (child != 0) {
@@ -180,6 +204,7 @@ pid_t PostgresCluster::spawn(const std::vector<std::string>& arguments, int outp
     const bool isReady =
         (user == nullptr || (setgroups(0, nullptr) == 0 && setgid(user->pw_gid) == 0 && setuid(user->pw_uid) == 0)) &&
         dup2(output, STDOUT_FILENO) >= 0 && dup2(output, STDERR_FILENO) >= 0 && chdir("/") == 0 &&
+        (largestFile == UNLIMITED || setrlimit(RLIMIT_FSIZE, &fileSize) == 0) &&
         prctl(PR_SET_PDEATHSIG, SIGQUIT) == 0 && getppid() == parent;
     if (isReady) {
         execv(pointers.front(), pointers.data());

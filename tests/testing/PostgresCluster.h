@@ -22,9 +22,13 @@ public:
     ~PostgresCluster();
 
     /// Returns when connections are accepted. On the same port as before.
-    void start();
+    ///
+    /// @param largestFile how large the server may make a file, in bytes: beyond that the disk is full for it.
+    void start(unsigned long largestFile = UNLIMITED);
     /// At once, without telling the clients.
     void stop();
+    /// Kills every process of the server, which then has to recover when it starts again.
+    void crash();
     void restart() {
         stop();
         start();
@@ -48,7 +52,9 @@ public:
     int port() const { return port_; }
 
 private:
-    pid_t spawn(const std::vector<std::string>& arguments, int output) const;
+    static constexpr unsigned long UNLIMITED = ~0UL;
+
+    pid_t spawn(const std::vector<std::string>& arguments, int output, unsigned long largestFile = UNLIMITED) const;
     /// @return what it wrote.
     std::string run(const std::vector<std::string>& arguments) const;
     bool runs(const std::vector<std::string>& arguments) const;

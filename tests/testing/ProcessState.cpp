@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <stdexcept>
 #include <vector>
 
 namespace testing_support {
@@ -78,6 +79,21 @@ int descriptorCount(const std::string& path) {
 int lockCount(const std::string& path) {
     const std::vector<std::string> descriptors = descriptorsOf(path);
     return static_cast<int>(std::count_if(descriptors.begin(), descriptors.end(), holdsLock));
+}
+
+long peakMemory() {
+    std::ifstream in("/proc/self/status");
+    for (std::string word; in >> word;) {
+        long kilobytes = 0;
+        if (word == "VmHWM:" && in >> kilobytes) {
+            return kilobytes * 1024;
+        }
+    }
+    throw std::runtime_error("the kernel does not tell the peak of the memory");
+}
+
+void forgetPeakMemory() {
+    std::ofstream("/proc/self/clear_refs") << "5\n";
 }
 
 bool fileLockIsFree(const std::string& path) {

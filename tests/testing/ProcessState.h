@@ -4,7 +4,7 @@
 
 namespace testing_support {
 
-// What the kernel knows about this process and one file.
+// What the kernel knows about this process, most of it about the process and one file.
 
 /// How often the file is mapped.
 int mappingCount(const std::string& path);
@@ -15,6 +15,10 @@ std::string mappingPermissions(const std::string& path);
 int descriptorCount(const std::string& path);
 /// How many descriptors of the file hold a lock on it as a whole.
 int lockCount(const std::string& path);
+
+/// The most memory that this process has had resident since it began, or since the last forgetPeakMemory(), in bytes.
+long peakMemory();
+void forgetPeakMemory();
 
 /// Whether nobody, in any process, holds the file lock named by the path.
 bool fileLockIsFree(const std::string& path);

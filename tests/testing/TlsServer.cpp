@@ -134,6 +134,10 @@ bool TlsConnection::write(const std::string& bytes) {
     return SSL_write(tls_, bytes.data(), static_cast<int>(bytes.size())) > 0;
 }
 
+bool TlsConnection::writeRaw(const std::string& bytes) const {
+    return send(socket_, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
+}
+
 bool TlsConnection::answer(int status, const std::string& body, const std::string& headers) {
     return write("HTTP/1.1 " + std::to_string(status) + " Answer\r\nContent-Length: " + std::to_string(body.size()) +
                  "\r\n" + headers + "\r\n" + body);

@@ -38,6 +38,8 @@ public:
 
     /// 1 for the server's first connection, and so on.
     int number() const { return number_; }
+    /// For what has no function here: the connection stays this object's.
+    SSL* tls() const { return tls_; }
 
     /// The next request; none where the client closed the connection.
     std::optional<HttpMessage> read();
@@ -45,6 +47,8 @@ public:
     std::string readBytes(std::size_t count);
     /// False where the client is gone.
     bool write(const std::string& bytes);
+    /// Writes past TLS: the client finds these bytes where it expects a record. False where it is gone.
+    bool writeRaw(const std::string& bytes) const;
     /// Writes a response with that body.
     bool answer(int status, const std::string& body, const std::string& headers = "");
     /// Answers every request, until the client closes the connection.
