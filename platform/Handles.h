@@ -3,7 +3,9 @@
 #include <jansson.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <memory>
+#include <string>
 #include <utility>
 
 // The C handles that this library holds, each with its owner.
@@ -16,6 +18,19 @@ struct JsonRelease {
 
 /// Owns one reference to a JSON value.
 using JsonPointer = std::unique_ptr<json_t, JsonRelease>;
+
+struct FileClose {
+    void operator()(std::FILE* file) const { std::fclose(file); }
+};
+
+/// Owns an open file, or nothing where opening failed.
+using FilePointer = std::unique_ptr<std::FILE, FileClose>;
+
+/// Opens a file to read it, closed on exec; what jansson, OpenSSL and libcurl open by its name is inherited by the
+/// programs that other threads start.
+inline FilePointer openToRead(const std::string& path) {
+    return FilePointer(std::fopen(path.c_str(), "rbe"));
+}
 
 /// Owns a file descriptor, or nothing where opening failed.
 class Descriptor {

@@ -1,11 +1,16 @@
 #include "platform/HostCertificate.h"
 
+#include "platform/Handles.h"
 #include "platform/HttpRequest.h"
 
 #include <platform/Status.h>
 
 #include <openssl/err.h>
+#include <openssl/pem.h>
 #include <openssl/ssl.h>
+
+#include <cerrno>
+#include <system_error>
 
 namespace platform_detail {
 
@@ -27,14 +32,52 @@ int noPassword(char* /*buffer*/, int /*size*/, int /*encrypting*/, void* /*unuse
     return 0;
 }
 
+struct CertificateRelease {
+    void operator()(X509* certificate) const { X509_free(certificate); }
+};
+using CertificatePointer = std::unique_ptr<X509, CertificateRelease>;
+
+struct KeyRelease {
+    void operator()(EVP_PKEY* key) const { EVP_PKEY_free(key); }
+};
+using KeyPointer = std::unique_ptr<EVP_PKEY, KeyRelease>;
+
+FilePointer openOrThrow(const std::string& path) {
+    FilePointer file = openToRead(path);
+    if (!file) {
+        throw HttpFailure{platform_status::HTTP_CLIENT_CERTIFICATE_UNUSABLE,
+                          path + ": " + std::generic_category().message(errno)};
+    }
+    return file;
+}
+
+/// Reads the host's certificate and, behind it, those of its issuers.
+void useChain(SSL_CTX* context, const std::string& path) {
+    const FilePointer file = openOrThrow(path);
+    const CertificatePointer own(PEM_read_X509_AUX(file.get(), nullptr, noPassword, nullptr));
+    require(own != nullptr && SSL_CTX_use_certificate(context, own.get()) == 1, path);
+    while (CertificatePointer issuer{PEM_read_X509(file.get(), nullptr, noPassword, nullptr)}) {
+        require(SSL_CTX_add1_chain_cert(context, issuer.get()) == 1, path);
+    }
+    const unsigned long end = ERR_peek_last_error();
+    require(ERR_GET_LIB(end) == ERR_LIB_PEM && ERR_GET_REASON(end) == PEM_R_NO_START_LINE, path);
+    ERR_clear_error();
+}
+
+void useKey(SSL_CTX* context, const std::string& path) {
+    const FilePointer file = openOrThrow(path);
+    const KeyPointer key(PEM_read_PrivateKey(file.get(), nullptr, noPassword, nullptr));
+    require(key != nullptr && SSL_CTX_use_PrivateKey(context, key.get()) == 1, path);
+}
+
 }  // namespace
 
 HostCertificate::HostCertificate(const std::string& certificateFile, const std::string& keyFile)
     : loaded_(SSL_CTX_new(TLS_client_method()), SSL_CTX_free) {
     require(loaded_ != nullptr, certificateFile);
-    SSL_CTX_set_default_passwd_cb(loaded_.get(), noPassword);
-    require(SSL_CTX_use_certificate_chain_file(loaded_.get(), certificateFile.c_str()) == 1, certificateFile);
-    require(SSL_CTX_use_PrivateKey_file(loaded_.get(), keyFile.c_str(), SSL_FILETYPE_PEM) == 1, keyFile);
+    ERR_clear_error();  // what is found there later is to be of these files
+    useChain(loaded_.get(), certificateFile);
+    useKey(loaded_.get(), keyFile);
 }
 
 bool HostCertificate::giveTo(SSL_CTX* context) const {

@@ -193,7 +193,12 @@ void HttpConnection::setTerms() {
     set(CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
     set(CURLOPT_SSL_VERIFYPEER, 1L);
     set(CURLOPT_SSL_VERIFYHOST, 2L);
-    set(CURLOPT_CAINFO, peer_.files->issuers.path.c_str());
+    const std::string& issuers = peer_.files->issuersText;
+    // NOLINTNEXTLINE(cppcoreguidelines-pro-type-const-cast): libcurl only reads it
+    auto* const bytes = const_cast<char*>(issuers.data());
+    curl_blob blob{bytes, issuers.size(), CURL_BLOB_NOCOPY};
+    set(CURLOPT_CAINFO_BLOB, &blob);
+    set(CURLOPT_CAINFO, static_cast<const char*>(nullptr));
     set(CURLOPT_CAPATH, static_cast<const char*>(nullptr));  // else the system's issuers are trusted as well
     set(CURLOPT_FOLLOWLOCATION, 0L);
     set(CURLOPT_PATH_AS_IS, 1L);
@@ -339,7 +344,11 @@ HttpResponse HttpConnection::perform(const HttpRequest& request, const Settings:
         curl_easy_getinfo(handle_.get(), CURLINFO_OS_ERRNO, &systemError);
         // Closing reads what the server still had to say, such as why it refused a certificate.
         handle_.reset();
-        throw httpFailure(code, systemError, exchange_, error_.data());
+        // What libcurl says of the issuers does not name their file.
+        const std::string detail = code == CURLE_SSL_CACERT_BADFILE
+                                       ? peer_.files->issuers.path + ": there is no usable certificate in it"
+                                       : error_.data();
+        throw httpFailure(code, systemError, exchange_, detail);
     }
     return takeResponse();
 }

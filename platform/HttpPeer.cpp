@@ -1,13 +1,16 @@
 #include "platform/HttpPeer.h"
 
 #include "platform/CoarseClock.h"
+#include "platform/Handles.h"
 #include "platform/HttpRequest.h"
 
 #include <platform/Status.h>
 
 #include <sys/stat.h>
 
+#include <array>
 #include <cerrno>
+#include <cstdio>
 #include <system_error>
 #include <utility>
 
@@ -44,6 +47,19 @@ TlsFiles stampedFiles(cert_type certificate, const Settings& settings) {
     return files;
 }
 
+std::string readIssuers(const std::string& path) {
+    const FilePointer file = openToRead(path);
+    std::string text;
+    std::array<char, 4096> chunk{};
+    for (std::size_t count = 0; file && (count = std::fread(chunk.data(), 1, chunk.size(), file.get())) > 0;) {
+        text.append(chunk.data(), count);
+    }
+    if (!file || std::ferror(file.get()) != 0) {
+        throw HttpFailure{platform_status::HTTP_CA_FILE_UNUSABLE, path + ": " + std::generic_category().message(errno)};
+    }
+    return text;
+}
+
 }  // namespace
 
 std::shared_ptr<const TlsFiles> TlsFilesOnDisk::current(cert_type certificate,
@@ -55,6 +71,7 @@ std::shared_ptr<const TlsFiles> TlsFilesOnDisk::current(cert_type certificate,
     }
     TlsFiles files = stampedFiles(certificate, *settings);
     if (!seen.files || !(*seen.files == files)) {
+        files.issuersText = readIssuers(files.issuers.path);
         if (certificate == CERT_HOST) {
             files.hostCertificate = std::make_shared<HostCertificate>(files.certificate.path, files.key.path);
         }

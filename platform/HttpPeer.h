@@ -31,6 +31,7 @@ struct StampedFile {
 /// On which terms a connection is made: equal where the files are.
 struct TlsFiles {
     StampedFile issuers;
+    std::string issuersText;  // what that file holds
     StampedFile certificate;
     StampedFile key;
     std::shared_ptr<const HostCertificate> hostCertificate;  // what the last two hold; null where there is none

@@ -59,9 +59,16 @@ void makePrivateFolder(const std::string& path) {
     if (mkdir(path.c_str(), S_IRWXU) == 0) {
         return;
     }
-    struct stat status {};
-    if (errno != EEXIST || stat(path.c_str(), &status) != 0) {
+    if (errno != EEXIST) {
         throwSystemError("create", path);
+    }
+    requirePrivate(path);
+}
+
+void requirePrivate(const std::string& path) {
+    struct stat status {};
+    if (stat(path.c_str(), &status) != 0) {
+        throwSystemError("look at", path);
     }
     refuseOthers(status, path);
 }

@@ -14,6 +14,11 @@ enum class Readers { OWNER, EVERYBODY };
 /// @throws std::system_error; std::runtime_error where it is there and others may enter it.
 void makePrivateFolder(const std::string& path);
 
+/// That nobody but its owner may do anything with a file or folder.
+///
+/// @throws std::system_error naming the path; std::runtime_error where others may.
+void requirePrivate(const std::string& path);
+
 /// Replaces a file, durably: whoever opens it finds the old contents or the new ones. Folders above it are made where
 /// they are missing.
 ///

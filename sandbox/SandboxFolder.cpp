@@ -122,9 +122,13 @@ std::unique_ptr<FileLockGuard> SandboxFolder::tryToLock(long timeoutMs) const {
 
 void SandboxFolder::requirePrivate() const {
     readTokenKey();
-    makePrivateFolder(path_);  // it is there, so its permissions are looked at
-    for (const char* const key : {CA_KEY, HOST_KEY, SERVICE_KEY}) {
-        readPrivateFile(tlsFile(key));
+    for (const std::string& made : {path_, path_ + "/keys", path_ + "/tls", tlsFile(CA_KEY), tlsFile(HOST_KEY),
+                                    tlsFile(SERVICE_KEY), stateFile()}) {
+        Sandbox::requirePrivate(made);
+    }
+    // It is elsewhere where another database was given.
+    if (const std::string sessions = authDatabaseFile(); std::filesystem::exists(sessions)) {
+        Sandbox::requirePrivate(sessions);
     }
 }
 
@@ -155,7 +159,7 @@ std::string SandboxFolder::readTokenKey() const {
 std::string SandboxFolder::settings(const SandboxOptions& options) const {
     SqliteConnection database{options.connectionString, ""};
     if (database.connectionString.empty()) {
-        const std::string file = path_ + "/auth.db";
+        const std::string file = authDatabaseFile();
         SqliteDatabase::create(file);  // for its owner only
         database = sqliteConnection(file);
     }

@@ -71,6 +71,7 @@ public:
 private:
     void createCertificates(const SandboxOptions& options) const;
     std::string tlsFile(const char* name) const { return path_ + "/tls/" + name; }
+    std::string authDatabaseFile() const { return path_ + "/auth.db"; }
     /// @throws as tokenKey().
     std::string readTokenKey() const;
     std::string keyFile() const { return path_ + "/keys/jwtPrivateKey"; }

@@ -1,4 +1,4 @@
-#include "platform/Handles.h"
+#include "rbac/cache/JsonFile.h"
 
 #include <platform/Logger.h>
 #include <rbac/AccessCache.h>
@@ -16,7 +16,7 @@ constexpr int INVALID_CACHE = 12;
 
 JsonPointer loadManifest(const std::string& path) {
     json_error_t error;
-    JsonPointer document(json_load_file(path.c_str(), 0, &error));
+    JsonPointer document = loadJsonFile(path, error);
     if (!document) {
         logmsgf(16, "Manifest constructor", "Error loading %s at position %d: %s", path.c_str(), error.position,
                 error.text);

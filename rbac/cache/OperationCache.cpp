@@ -1,5 +1,5 @@
 #include "InstallationPaths.h"
-#include "platform/Handles.h"
+#include "rbac/cache/JsonFile.h"
 
 #include <platform/FileLock.h>
 #include <platform/Logger.h>
@@ -41,7 +41,7 @@ FileLockGuard lockFile(const std::string& path) {
 
 JsonPointer parseFile(const std::string& path) {
     json_error_t error{};
-    JsonPointer document(json_load_file(path.c_str(), 0, &error));
+    JsonPointer document = loadJsonFile(path, error);
     if (!document) {
         failLoading(error.text);
     }

@@ -22,6 +22,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <filesystem>
 #include <functional>
 #include <string>
 #include <vector>
@@ -365,6 +366,7 @@ TEST_F(HttpFailure, AnIssuersFileWithoutACertificate) {
         testing_support::writeFile(fixture.caFile(), contents);
         const Server server(fixture.options(), unreached());
         expectFailure(server, HTTP_CA_FILE_UNUSABLE);
+        EXPECT_THAT(logged.message, HasSubstr(fixture.caFile() + ": there is no usable certificate in it"));
         EXPECT_THAT(server.requests(), SizeIs(0));
     }
 }
@@ -381,6 +383,14 @@ TEST_F(HttpFailure, ACertificateFileWithoutACertificate) {
     const Server server(fixture.options(), unreached());
     expectFailure(server, HTTP_CLIENT_CERTIFICATE_UNUSABLE);
     EXPECT_THAT(logged.message, HasSubstr(fixture.certFile() + ": no start line"));
+}
+
+TEST_F(HttpFailure, ACertificateFileWithAnIssuerThatIsDamaged) {
+    const std::string damaged = "-----BEGIN CERTIFICATE-----\nMII!\n-----END CERTIFICATE-----\n";
+    testing_support::writeFile(fixture.certFile(), testing_support::readFile(fixture.certFile()) + damaged);
+    const Server server(fixture.options(), unreached());
+    expectFailure(server, HTTP_CLIENT_CERTIFICATE_UNUSABLE);
+    EXPECT_THAT(logged.message, HasSubstr(fixture.certFile() + ": "));
 }
 
 TEST_F(HttpFailure, AKeyFileThatIsMissing) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "SettingsFixture.h"
+#include "testing/SecretScan.h"
 
 #include <algorithm>
 #include <string>
@@ -23,6 +24,7 @@ public:
     /// The log's lines, each without the end of line.
     std::vector<std::string> lines(const std::string& file = "log") const {
         const std::string text = testing_support::readFile(path(file));
+        testing_support::refuseSecrets(path(file), text);
         std::vector<std::string> lines;
         for (std::size_t begin = 0; begin < text.size();) {
             const std::size_t end = std::min(text.find('\n', begin), text.size());

@@ -54,6 +54,21 @@ TEST(PrivateFilesTest, RefusesAFolderThatOthersMayEnter) {
               path + " is open to others than its owner; take their permissions away first");
 }
 
+TEST(PrivateFilesTest, RefusesWhateverOthersMayDoSomethingWith) {
+    const TemporaryDirectory directory;
+    const std::string path = directory / "database";
+    writeFile(path, "text");
+    for (const mode_t mode : {0640U, 0620U, 0610U, 0604U, 0602U, 0601U}) {
+        ASSERT_EQ(chmod(path.c_str(), mode), 0);
+        EXPECT_EQ(messageOf<std::runtime_error>([&] { requirePrivate(path); }),
+                  path + " is open to others than its owner; take their permissions away first");
+    }
+    ASSERT_EQ(chmod(path.c_str(), 0600), 0);
+    EXPECT_NO_THROW(requirePrivate(path));
+    EXPECT_EQ(messageOf<std::system_error>([&] { requirePrivate(directory / "none"); }),
+              "cannot look at " + (directory / "none") + ": No such file or directory");
+}
+
 TEST(PrivateFilesTest, WritesASecretForItsOwnerOnly) {
     const TemporaryDirectory directory;
     replaceFile(directory / "a/secret", "text", Readers::OWNER);

@@ -203,15 +203,43 @@ TEST(ServiceLifecycleTest, RefusesAFolderThatOthersMayEnter) {
                                  " is open to others than its owner; take their permissions away first\n");
 }
 
-TEST(ServiceLifecycleTest, RefusesAKeyThatOthersMayRead) {
-    for (const std::string key : {"/keys/jwtPrivateKey", "/tls/caKey.pem", "/tls/hostKey.pem", "/tls/serviceKey.pem"}) {
-        const ServiceFolder folder;
-        ASSERT_EQ(chmod((folder.path() + key).c_str(), 0644), 0);
-        const CommandResult result = folder.run("serve --port 0");
-        EXPECT_EQ(result.status, 1) << key;
-        EXPECT_EQ(result.output, "rbac-sandbox: " + folder.path() + key +
-                                     " is open to others than its owner; take their permissions away first\n");
+TEST(ServiceLifecycleTest, RefusesKeysDatabasesAndFoldersThatOthersMayUse) {
+    const ServiceFolder folder;
+    for (const std::string name : {"/keys", "/keys/jwtPrivateKey", "/tls", "/tls/caKey.pem", "/tls/hostKey.pem",
+                                   "/tls/serviceKey.pem", "/state.db", "/auth.db"}) {
+        const std::string path = folder.path() + name;
+        const auto before = std::filesystem::status(path).permissions();
+        for (const auto others : {std::filesystem::perms::group_read, std::filesystem::perms::others_exec}) {
+            std::filesystem::permissions(path, before | others);
+            const CommandResult result = folder.run("serve --port 0");
+            EXPECT_EQ(result.status, 1) << name;
+            EXPECT_EQ(result.output, "rbac-sandbox: " + path +
+                                         " is open to others than its owner; take their permissions away first\n");
+        }
+        std::filesystem::permissions(path, before);
     }
+    const ServiceProcess service(folder);  // nothing else was amiss
+}
+
+TEST(ServiceLifecycleTest, KeepsItsSecretsFromOthersWhateverTheUmask) {
+    const mode_t before = umask(0);
+    const ServiceFolder folder;
+    const ServiceProcess service(folder);
+    umask(before);
+    ServiceClient client("localhost", service.port(), folder.hostFiles());
+    ASSERT_EQ(client.post("roles", roleDocument("operators")).status, 201);
+    ASSERT_EQ(folder.run("users add alice --roles 2").status, 0);
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(folder.path())) {
+        const std::string name = entry.path().filename();
+        // What guards the folder holds nothing, and who may not enter it does not get at the socket.
+        if (entry.is_socket() || (name == "service.lck" && entry.file_size() == 0)) {
+            continue;
+        }
+        EXPECT_EQ(static_cast<unsigned>(entry.status().permissions()), entry.is_directory() ? 0700U : 0600U)
+            << entry.path();
+    }
+    EXPECT_EQ(static_cast<unsigned>(std::filesystem::status(folder.path()).permissions()), 0700U);
+    EXPECT_EQ(static_cast<unsigned>(std::filesystem::status(folder.file("platform.json")).permissions()), 0600U);
 }
 
 TEST(ServiceLifecycleTest, RefusesAFolderThatIsNoSandbox) {

@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 #include <sys/socket.h>
 
+#include <filesystem>
 #include <memory>
 #include <vector>
 
@@ -61,6 +62,7 @@ TEST_F(ServiceTlsTest, RefusesACertificateThatIsForServersOnly) {
 TEST_F(ServiceTlsTest, TakesACertificateThatItsAuthorityIssuesLater) {
     ASSERT_EQ(folder_.run("certificates issue backup1 --out " + folder_.file("")).output,
               "made " + folder_.file("") + "/backup1.pem and " + folder_.file("") + "/backup1Key.pem\n");
+    EXPECT_EQ(std::filesystem::status(folder_.file("backup1Key.pem")).permissions(), std::filesystem::perms(0600));
     EXPECT_THAT(ask({folder_.hostFiles().authority, folder_.file("backup1.pem"), folder_.file("backup1Key.pem")}),
                 HasSubstr("HTTP/1.1 200 OK"));
 }

@@ -1,5 +1,7 @@
 #include "testing/LogCapture.h"
 
+#include "testing/SecretScan.h"
+
 #include <platform/Logger.h>
 
 #include <algorithm>
@@ -14,6 +16,7 @@ void PrintTo(const LogLine& line, std::ostream* out) {
 
 LogCapture::LogCapture() {
     setLogSink([this](int level, const std::string& tag, const std::string& message) {
+        refuseSecrets(tag, message);
         const std::lock_guard<std::mutex> lock(mutex_);
         lines_.push_back({level, tag, message});
     });

@@ -17,7 +17,7 @@ struct LogLine {
 };
 void PrintTo(const LogLine& line, std::ostream* out);
 
-/// Collects what the process logs while it lives, in place of the log.
+/// Collects what the process logs while it lives, in place of the log. A line with a secret ends the program.
 class LogCapture {
 public:
     LogCapture();

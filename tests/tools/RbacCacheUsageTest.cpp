@@ -174,7 +174,7 @@ TEST_F(RbacCacheUsageTest, SaysOnATerminalThatItTakesLongAndTakesThatBack) {
         const FileLockGuard publishing(FileLockManager::instance().getLock(cache() + "/manifest.json"),
                                        FileLockGuard::EXCLUSIVE, -1, FileLock::DEFAULT_INTERVAL);
         writeFile(directory_ / "locked", "");
-        std::this_thread::sleep_for(std::chrono::milliseconds(2500));
+        std::this_thread::sleep_for(std::chrono::seconds(4));
         return 0;
     });
     while (!std::filesystem::exists(directory_ / "locked")) {

@@ -4,6 +4,7 @@
 #include "rbac/enforcement/StubAccessControlClient.h"
 #include "testing/LogCapture.h"
 #include "testing/RawCache.h"
+#include "testing/SecretScan.h"
 
 #include <rbac/AccessControlClient.h>
 
@@ -62,7 +63,9 @@ protected:
         std::filesystem::remove(file);
         configure(generation, R"(,"log":{"file":")" + file + R"(","debugLevel":)" + std::to_string(debugLevel) + "}");
         EXPECT_EQ(create(), 0);
-        return std::filesystem::exists(file) ? testing_support::readFile(file) : "";
+        std::string text = std::filesystem::exists(file) ? testing_support::readFile(file) : "";
+        testing_support::refuseSecrets(file, text);
+        return text;
     }
 
     /// Serves this one answer to everybody.
