@@ -309,7 +309,9 @@ void LockFile::settle(LockDescriptor& descriptor) const {
     struct stat locked {};
     timespec now{};
     if (fstat(descriptor.fd, &locked) != 0 || clock_gettime(CLOCK_REALTIME, &now) != 0) {
-        throwUnavailable("examine", path_, errno);
+        const int error = errno;
+        closeDescriptor(descriptor);  // it holds the lock
+        throwUnavailable("examine", path_, error);
     }
     // The time of the last change of status: making a file and giving it another name both set it.
     const std::int64_t age =
@@ -390,12 +392,12 @@ FileLock FileLockManager::getLock(const std::string& path) {
     {
         Registry& registry = Registry::instance();
         const std::lock_guard<std::mutex> lock(registry.mutex);
-        std::weak_ptr<LockFile>& known = registry.byPath[path];
-        file = known.lock();
+        const auto known = registry.byPath.find(path);
+        file = known == registry.byPath.end() ? nullptr : known->second.lock();
         if (!file) {
             file = std::make_shared<LockFile>(path);
             registry.all.insert(file.get());
-            known = file;
+            registry.byPath[path] = file;
         }
     }
     // A reference count of its own for each handle: copies made of it by one thread do not disturb other threads.

@@ -7,6 +7,7 @@
 #include <rbac/ObjectRegistrationService.h>
 
 #include <exception>
+#include <new>
 #include <optional>
 #include <utility>
 
@@ -60,6 +61,10 @@ std::optional<int> attempt(const char* who, const FailureWords& words, Step step
         return failure.status;
     } catch (const std::exception& failure) {
         logmsgf(16, who, "%s%s", words.exception.c_str(), failure.what());
+        // NOLINTNEXTLINE(misc-throw-by-value-catch-by-reference): as the JSON helpers throw it
+    } catch (const std::bad_alloc* failure) {
+        delete failure;
+        logmsg(16, who, words.unknown.c_str());
     } catch (...) {
         logmsg(16, who, words.unknown.c_str());
     }

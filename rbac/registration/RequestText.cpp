@@ -9,11 +9,19 @@ namespace Tesmor::Arkwell::Rbac {
 
 namespace {
 
-int append(const char* piece, std::size_t size, void* text) {
+/// A text that grows until there is no memory. That is remembered, because jansson goes on where a key is not taken.
+struct Growing {
+    std::string& text;
+    bool hasFailed = false;
+};
+
+int append(const char* piece, std::size_t size, void* to) {
+    Growing& growing = *static_cast<Growing*>(to);
     try {
-        static_cast<std::string*>(text)->append(piece, size);
+        growing.text.append(piece, size);
         return 0;
     } catch (const std::bad_alloc&) {
+        growing.hasFailed = true;
         return -1;
     }
 }
@@ -30,7 +38,8 @@ void RequestText::add(const boost::shared_ptr<json_t>& element) {
     if (text_.back() != '[') {
         text_ += ',';
     }
-    if (json_dump_callback(element.get(), append, &text_, JSON_TEXT_FLAGS) != 0) {
+    Growing growing{text_};
+    if (json_dump_callback(element.get(), append, &growing, JSON_TEXT_FLAGS) != 0 || growing.hasFailed) {
         throw std::bad_alloc();
     }
 }

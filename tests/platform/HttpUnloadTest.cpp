@@ -1,5 +1,6 @@
 #include "HttpFixture.h"
 #include "testing/ChildProcess.h"
+#include "testing/ProcessFigures.h"
 #include "testing/TemporaryDirectory.h"
 
 #include <platform/HttpClient.h>
@@ -8,9 +9,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <stdexcept>
 #include <string>
 
@@ -21,6 +19,8 @@ namespace {
 using Server = HttpFixture::Server;
 using Connection = HttpFixture::Connection;
 using testing_support::ChildProcess;
+using testing_support::residentMemory;
+using testing_support::threadCount;
 
 /// The platform library, loaded while this lives.
 class LoadedLibrary {
@@ -59,23 +59,6 @@ public:
 private:
     void* handle_;
 };
-
-int threadCount() {
-    const std::filesystem::directory_iterator threads("/proc/self/task");
-    return static_cast<int>(std::distance(begin(threads), end(threads)));
-}
-
-/// The memory that this process uses, in KiB.
-long residentMemory() {
-    std::ifstream lines("/proc/self/status");
-    for (std::string word; lines >> word;) {
-        long kilobytes = 0;
-        if (word == "VmRSS:" && lines >> kilobytes) {
-            return kilobytes;
-        }
-    }
-    return 0;
-}
 
 /// In a process of its own, whose descriptors and threads are only its own.
 template <class Work>

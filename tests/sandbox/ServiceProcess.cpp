@@ -16,6 +16,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <csignal>
 #include <cstdio>
@@ -138,7 +139,10 @@ CommandResult runSandbox(const std::string& folder, const std::string& arguments
 }
 
 ServiceProcess::ServiceProcess(const ServiceFolder& folder, std::vector<std::string> arguments) {
-    arguments.insert(arguments.begin(), {RBAC_SANDBOX, "--folder", folder.path(), "serve", "--port", "0"});
+    if (std::find(arguments.begin(), arguments.end(), "--port") == arguments.end()) {
+        arguments.insert(arguments.end(), {"--port", "0"});
+    }
+    arguments.insert(arguments.begin(), {RBAC_SANDBOX, "--folder", folder.path(), "serve"});
     std::vector<char*> pointers;
     for (std::string& argument : arguments) {
         pointers.push_back(argument.data());

@@ -88,7 +88,7 @@ private:
 /// A running service; killed at the end.
 class ServiceProcess {
 public:
-    /// Waits until it serves.
+    /// Waits until it serves, on any free port unless the arguments name one.
     ///
     /// @throws std::runtime_error with what it printed where it ends instead.
     explicit ServiceProcess(const ServiceFolder& folder, std::vector<std::string> arguments = {});

@@ -31,7 +31,8 @@ bool refuse() {
 }
 
 void* allocate(std::size_t size) noexcept {
-    void* memory = refuse() ? nullptr : std::malloc(size != 0 ? size : 1);
+    const bool isRefused = failuresLeft != FailingAllocations::ALL_OF_JANSSON && refuse();
+    void* memory = isRefused ? nullptr : std::malloc(size != 0 ? size : 1);
     live += memory != nullptr ? 1 : 0;
     return memory;
 }
@@ -60,6 +61,19 @@ FailingAllocations::~FailingAllocations() {
 bool FailingAllocations::failed() {
     return anyFailed;
 }
+
+// NOLINTBEGIN(cppcoreguidelines-no-malloc)
+
+void* allocateForJansson(std::size_t size) noexcept {
+    const bool isRefused = failuresLeft < 0 && refuse();
+    return isRefused ? nullptr : std::malloc(size);
+}
+
+void releaseForJansson(void* memory) noexcept {
+    std::free(memory);
+}
+
+// NOLINTEND(cppcoreguidelines-no-malloc)
 
 long liveAllocations() {
     return live;

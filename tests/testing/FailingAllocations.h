@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <new>
 
 namespace testing_support {
@@ -11,6 +12,7 @@ namespace testing_support {
 class FailingAllocations {
 public:
     static constexpr long ALL = -1;
+    static constexpr long ALL_OF_JANSSON = -2;  ///< of its allocations; the others are granted
 
     explicit FailingAllocations(long granted, long failing = ALL);
     ~FailingAllocations();
@@ -20,6 +22,12 @@ public:
     /// Whether an allocation has failed since the last one of these was made in this thread.
     static bool failed();
 };
+
+/// For jansson, which takes its memory from where it is told to. Its allocations fail where all that follow fail too:
+/// where a single one fails, it may read a text without noticing that a byte is missing. Not counted by
+/// liveAllocations().
+void* allocateForJansson(std::size_t size) noexcept;
+void releaseForJansson(void* memory) noexcept;
 
 /// How many allocations of the program are not released yet.
 long liveAllocations();
