@@ -1,6 +1,7 @@
 #include "platform/DalWorker.h"
 
-#include <dlfcn.h>
+#include "platform/KeepLoaded.h"
+
 #include <pthread.h>
 
 #include <csignal>
@@ -28,14 +29,6 @@ public:
 private:
     sigset_t before_{};
 };
-
-/// Keeps this library loaded until the process ends: a thread that was left to itself returns into it one day.
-void keepLoaded() {
-    Dl_info library{};
-    if (dladdr(reinterpret_cast<const void*>(&keepLoaded), &library) != 0) {
-        dlopen(library.dli_fname, RTLD_NOW | RTLD_NOLOAD | RTLD_NODELETE);
-    }
-}
 
 }  // namespace
 
@@ -66,7 +59,8 @@ Worker::~Worker() {
         thread_.join();
         return;
     }
-    keepLoaded();
+    static const char here = 0;
+    platform_detail::keepLoaded(&here);  // the thread returns into this library one day
     thread_.detach();
 }
 

@@ -2,10 +2,10 @@
 
 #include "platform/HttpFailures.h"
 #include "platform/HttpSockets.h"
+#include "platform/KeepLoaded.h"
 
 #include <platform/Status.h>
 
-#include <dlfcn.h>
 #include <openssl/ssl.h>
 #include <poll.h>
 
@@ -135,15 +135,7 @@ CurlList headersOf(const HttpRequest& request) {
     return headers;
 }
 
-// A resolver that does not answer in time is left behind in a thread of its own, which ends when it can; libcurl must
-// not be unloaded under it.
-void keepLibcurlLoaded() {
-    Dl_info found{};
-    if (dladdr(reinterpret_cast<void*>(&curl_easy_perform), &found) != 0) {
-        dlopen(found.dli_fname, RTLD_LAZY | RTLD_NOLOAD | RTLD_NODELETE);
-    }
-}
-
+// A resolver that does not answer in time is left behind in a thread of its own, which ends when it can.
 bool isResolverLeftBehind(CURLcode code, CURL* handle) {
     curl_off_t resolved = 0;
     curl_easy_getinfo(handle, CURLINFO_NAMELOOKUP_TIME_T, &resolved);
@@ -336,7 +328,7 @@ HttpResponse HttpConnection::perform(const HttpRequest& request, const Settings:
         code = attemptAgain(request, limits, timeSince(begin));
     }
     if (isResolverLeftBehind(code, handle_.get())) {
-        keepLibcurlLoaded();
+        keepLoaded(reinterpret_cast<const void*>(&curl_easy_perform));  // into which that thread returns
     }
     if (code != CURLE_OK) {
         exchange_.timeIsUp = limits.timeout <= timeSince(begin) + CLOCK_TOLERANCE;
