@@ -1,5 +1,6 @@
 #include "InstallationPaths.h"
 #include "jwt/PublicKeyFile.h"
+#include "platform/Handles.h"
 
 #include <jwt/JWTUtil.h>
 #include <platform/Logger.h>
@@ -39,7 +40,11 @@ int JWTUtil::tokenizeJWT(const std::string& jwt, std::vector<std::string>& parts
 
 int readPublicKeyFile(std::string& publicKey, const Trace& trace) {
     // Over a descriptor, because a file stream's own is inherited by the programs that other threads start.
-    __gnu_cxx::stdio_filebuf<char> buffer(open(PUBLIC_KEY_FILE, O_RDONLY | O_CLOEXEC | O_NOCTTY), std::ios::in);
+    platform_detail::Descriptor descriptor(open(PUBLIC_KEY_FILE, O_RDONLY | O_CLOEXEC | O_NOCTTY));
+    __gnu_cxx::stdio_filebuf<char> buffer(descriptor.get(), std::ios::in);
+    if (buffer.is_open()) {
+        descriptor.release();
+    }
     std::istream file(&buffer);
     try {
         file.exceptions(std::ios::badbit | std::ios::failbit);

@@ -44,6 +44,8 @@ public:
     Descriptor(Descriptor&& other) noexcept : number_(std::exchange(other.number_, -1)) {}
     Descriptor& operator=(Descriptor&&) = delete;
 
+    /// Gives the descriptor to somebody else.
+    int release() { return std::exchange(number_, -1); }
     bool isOpen() const { return number_ >= 0; }
     int get() const { return number_; }
 

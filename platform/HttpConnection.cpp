@@ -24,6 +24,10 @@ constexpr std::string_view STATUS_LINE = "HTTP/";
 constexpr long NO_CONTENT = 204;
 constexpr long NOT_MODIFIED = 304;
 
+bool isWithoutBody(long status) {
+    return status == NO_CONTENT || status == NOT_MODIFIED;
+}
+
 // What libcurl and this file make of the same time may differ by so much.
 constexpr std::chrono::milliseconds CLOCK_TOLERANCE{5};
 
@@ -256,8 +260,11 @@ curl_socket_t HttpConnection::socket() const {
 }
 
 /// Whether nothing has come from the server since the last response. What comes then is a farewell, at best a ticket
-/// for the next TLS session.
+/// for the next TLS session. Nor will anything come that belongs to that response.
 bool HttpConnection::isIdle() const {
+    if (exchange_.leavesBody) {
+        return false;
+    }
     pollfd readable{socket(), POLLIN, 0};
     return readable.fd != CURL_SOCKET_BAD && poll(&readable, 1, 0) == 0;
 }
@@ -269,11 +276,22 @@ bool HttpConnection::isPerhapsCutShort() const {
     }
     curl_off_t length = 0;
     curl_easy_getinfo(handle_.get(), CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &length);
-    curl_header* encoding = nullptr;
-    const bool encoded =
-        curl_easy_header(handle_.get(), "Transfer-Encoding", 0, CURLH_HEADER, -1, &encoding) == CURLHE_OK;
-    return length < 0 && !encoded && exchange_.response.status != NO_CONTENT &&
-           exchange_.response.status != NOT_MODIFIED;
+    return length < 0 && header("Transfer-Encoding") == nullptr && !isWithoutBody(exchange_.response.status);
+}
+
+/// Whether the answer announces a body that no answer of its status has. libcurl does not read it, so it would be taken
+/// for the answer to the next request.
+bool HttpConnection::leavesBody() const {
+    const char* const length = header("Content-Length");
+    const bool isAnnounced =
+        (length != nullptr && std::string_view(length) != "0") || header("Transfer-Encoding") != nullptr;
+    return isAnnounced && isWithoutBody(exchange_.response.status);
+}
+
+/// The header of the last answer, or null.
+const char* HttpConnection::header(const char* name) const {
+    curl_header* found = nullptr;
+    return curl_easy_header(handle_.get(), name, 0, CURLH_HEADER, -1, &found) == CURLHE_OK ? found->value : nullptr;
 }
 
 /// What libcurl received and took as whole.
@@ -285,6 +303,7 @@ HttpResponse HttpConnection::takeResponse() {
     if (isPerhapsCutShort()) {
         throw HttpFailure{platform_status::HTTP_RESPONSE_MALFORMED, "the answer may have been cut short"};
     }
+    exchange_.leavesBody = leavesBody();
     return std::move(exchange_.response);
 }
 
@@ -312,6 +331,7 @@ bool HttpConnection::brokeUnanswered(CURLcode code) const {
 CURLcode HttpConnection::attemptAgain(const HttpRequest& request, Settings::Http limits,
                                       std::chrono::milliseconds passed) {
     if (limits.timeout <= passed) {
+        error_.front() = '\0';  // what it says is of the first attempt
         return CURLE_OPERATION_TIMEDOUT;
     }
     limits.timeout -= passed;

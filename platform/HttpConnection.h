@@ -69,6 +69,8 @@ private:
     /// Whether the first attempt ended in a broken connection before anything came back.
     bool brokeUnanswered(CURLcode code) const;
     bool isPerhapsCutShort() const;
+    bool leavesBody() const;
+    const char* header(const char* name) const;
     HttpResponse takeResponse();
 
     HttpPeer peer_;

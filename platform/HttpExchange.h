@@ -23,6 +23,7 @@ struct HttpExchange {
     int sendings = 0;        // how often the request was begun to be sent
     bool resendRefused = false;
     bool endAnnounced = false;  // the server has said farewell by TLS
+    bool leavesBody = false;    // the last answer was followed by a body that was not read
     bool timeIsUp = false;      // that of the whole request
     bool headersTooLarge = false;
     bool bodyTooLarge = false;

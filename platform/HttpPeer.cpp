@@ -47,6 +47,8 @@ TlsFiles stampedFiles(cert_type certificate, const Settings& settings) {
     return files;
 }
 
+constexpr std::size_t MOST_ISSUER_BYTES = 8'000'000;  // libcurl takes no more
+
 std::string readIssuers(const std::string& path) {
     const FilePointer file = openToRead(path);
     std::string text;
@@ -56,6 +58,9 @@ std::string readIssuers(const std::string& path) {
     }
     if (!file || std::ferror(file.get()) != 0) {
         throw HttpFailure{platform_status::HTTP_CA_FILE_UNUSABLE, path + ": " + std::generic_category().message(errno)};
+    }
+    if (text.size() > MOST_ISSUER_BYTES) {
+        throw HttpFailure{platform_status::HTTP_CA_FILE_UNUSABLE, path + ": it has more than 8000000 bytes"};
     }
     return text;
 }

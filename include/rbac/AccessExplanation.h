@@ -60,7 +60,7 @@ struct ARKWELL_EXPORT AccessExplanation {
 /// Explains what a checker of `client` answers for these roles, this operation and this object.
 ///
 /// Takes the very walk of AccessChecker::checkAccess(), under one lock, and notes each step. May be called from several
-/// threads at once.
+/// threads at once; objects and operations that threads share must have had their texts computed before.
 ///
 ///     AccessExplanation why;
 ///     if (explainAccess(*client, roles, root_namespaces::operations::VIEW, object, why) == 0 && !why.allowed) {

@@ -22,8 +22,9 @@ namespace Rbac {
 // the service does not know is allowed nowhere and to nobody.
 //
 // They throw std::invalid_argument for a client that reads no access cache (enforcement is off, or the client is a
-// program's own), what AccessChecker::checkAccess() throws, and what the visitor throws. They may be called from
-// several threads at once.
+// program's own), what AccessChecker::checkAccess() and OperationCache::load() throw beside EC_exception, and what the
+// visitor throws. They may be called from several threads at once; the texts of objects and operations are computed
+// where they have not been, so those that threads share must have theirs already.
 
 /// Visits the objects at and below `below` on which the roles may perform the operation, of those that the cache holds,
 /// in the bytewise order of their texts. (Bytes beyond ASCII, which few locales let into texts, may come first.)
@@ -45,7 +46,8 @@ ARKWELL_EXPORT int forEachAllowedRole(AccessControlClient& client, const ObjectN
                                       const ObjectNamespace& object, const std::function<bool(int roleId)>& visit);
 
 /// Visits the operations that the roles may perform on the object, of those that the service knows, in the order of
-/// their namespaces.
+/// their namespaces. Reads the operation cache's file each time, for new ones; where that fails the status is 13, also
+/// for a client that knows operations already.
 ///
 /// @param visit called with each operation; whether to go on.
 ARKWELL_EXPORT int forEachAllowedOperation(AccessControlClient& client, const std::set<int>& roleIds,

@@ -19,7 +19,9 @@ inline platform_detail::JsonPointer loadJsonFile(const std::string& path, json_e
     const platform_detail::FilePointer file = platform_detail::openToRead(path);
     if (!file) {
         const std::string reason = std::generic_category().message(errno);
-        std::snprintf(error.text, sizeof error.text, "unable to open %s: %s", path.c_str(), reason.c_str());
+        // The last byte is the error's code, as jansson keeps it.
+        std::snprintf(error.text, sizeof error.text - 1, "unable to open %s: %s", path.c_str(), reason.c_str());
+        error.text[sizeof error.text - 1] = json_error_cannot_open_file;
         return nullptr;
     }
     return platform_detail::JsonPointer(json_loadf(file.get(), 0, &error));

@@ -3,46 +3,44 @@
 #include "rbac/cache/SegmentDescent.h"
 
 #include <cstdint>
-#include <limits>
 #include <vector>
 
 namespace Tesmor::Arkwell::Rbac::detail {
 
 using RoleNode = TreeNode<int, NodeBits>;
 
-/// The node with the smallest key above `key` in the tree at `root`, or null.
-inline const RoleNode* nodeAbove(const RoleNode* nodes, NodeOffset root, std::int64_t key) {
-    const RoleNode* above = nullptr;
-    while (root != 0) {
-        const RoleNode* const node = nodes + root / sizeof(RoleNode);
-        if (node->key > key) {
-            above = node;
-            root = node->left;
-        } else {
-            root = node->right;
+/// Goes through the nodes of a role tree or word tree in the order of their keys, in memory for the height of the tree.
+class NodeCursor {
+public:
+    /// Stands at the smallest.
+    NodeCursor(const RoleNode* nodes, NodeOffset root) : nodes_(nodes) { push(root); }
+
+    /// The node that it stands at; null behind the last.
+    const RoleNode* node() const { return pending_.empty() ? nullptr : pending_.back(); }
+
+    void advance() {
+        const RoleNode& left = *pending_.back();
+        pending_.pop_back();
+        push(left.right);
+    }
+
+private:
+    void push(NodeOffset root) {
+        while (root != 0) {
+            pending_.push_back(nodes_ + root / sizeof(RoleNode));
+            root = pending_.back()->left;
         }
     }
-    return above;
-}
 
-constexpr std::int64_t BELOW_ALL_KEYS = std::numeric_limits<std::int64_t>::min();
+    const RoleNode* nodes_;
+    std::vector<const RoleNode*> pending_;  // to be visited with what is right of them, the next one last
+};
 
-/// Visits the nodes of a role tree or word tree in the order of their keys, in memory for the height of the tree.
+/// Visits the nodes of a role tree or word tree in the order of their keys.
 template <class Visit>
 void forEachNode(const RoleNode* nodes, NodeOffset root, Visit visit) {
-    std::vector<const RoleNode*> pending;
-    const auto push = [&](NodeOffset offset) {
-        while (offset != 0) {
-            pending.push_back(nodes + offset / sizeof(RoleNode));
-            offset = pending.back()->left;
-        }
-    };
-    push(root);
-    while (!pending.empty()) {
-        const RoleNode& node = *pending.back();
-        pending.pop_back();
-        visit(node);
-        push(node.right);
+    for (NodeCursor cursor(nodes, root); cursor.node() != nullptr; cursor.advance()) {
+        visit(*cursor.node());
     }
 }
 

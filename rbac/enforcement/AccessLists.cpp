@@ -7,6 +7,7 @@
 #include <rbac/EC_exception.h>
 
 #include <algorithm>
+#include <limits>
 #include <string>
 #include <vector>
 
@@ -101,25 +102,31 @@ std::vector<NodeOffset> decidingRoleTrees(const CacheView& cache, const std::str
 
 void visitAllowedRoles(const CacheView& cache, const std::string& text, std::int32_t operationBit,
                        const std::function<bool(int)>& visit) {
-    const std::vector<NodeOffset> roots = decidingRoleTrees(cache, text);
-    for (std::int64_t last = detail::BELOW_ALL_KEYS;;) {
-        // The next role of all the trees; role 0 needs none.
-        constexpr std::int64_t NONE = std::numeric_limits<std::int64_t>::max();
-        std::int64_t role = last < detail::ALL_POWERFUL_ROLE ? detail::ALL_POWERFUL_ROLE : NONE;
-        bool allowed = role == detail::ALL_POWERFUL_ROLE;
-        for (const NodeOffset root : roots) {
-            const detail::RoleNode* const node = detail::nodeAbove(cache.nodes, root, last);
-            if (node == nullptr || node->key > role) {
-                continue;
-            }
-            const bool holds = detail::wordBit(cache.nodes, node->payload, operationBit);
-            allowed = node->key < role ? holds : allowed || holds;
-            role = node->key;
+    std::vector<detail::NodeCursor> trees;
+    for (const NodeOffset root : decidingRoleTrees(cache, text)) {
+        trees.emplace_back(cache.nodes, root);
+    }
+    constexpr std::int64_t NONE = std::numeric_limits<std::int64_t>::max();
+    for (bool isSuperuserDue = true;;) {
+        // The smallest role that a tree has next; role 0 needs none.
+        std::int64_t role = isSuperuserDue ? detail::ALL_POWERFUL_ROLE : NONE;
+        for (const detail::NodeCursor& tree : trees) {
+            role = tree.node() == nullptr ? role : std::min<std::int64_t>(role, tree.node()->key);
         }
-        if (role == NONE || (allowed && !visit(static_cast<int>(role)))) {
+        if (role == NONE) {
             return;
         }
-        last = role;
+        bool allowed = role == detail::ALL_POWERFUL_ROLE;
+        for (detail::NodeCursor& tree : trees) {
+            if (tree.node() != nullptr && tree.node()->key == role) {
+                allowed = allowed || detail::wordBit(cache.nodes, tree.node()->payload, operationBit);
+                tree.advance();
+            }
+        }
+        isSuperuserDue = isSuperuserDue && role != detail::ALL_POWERFUL_ROLE;
+        if (allowed && !visit(static_cast<int>(role))) {
+            return;
+        }
     }
 }
 

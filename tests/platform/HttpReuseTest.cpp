@@ -136,6 +136,32 @@ TEST_F(HttpReuse, AServerThatSaysThatItClosesIsAskedOnNewConnections) {
     EXPECT_EQ(2, server.connections());
 }
 
+TEST_F(HttpReuse, AnAnswerThatMayHaveNoBodyButHasOneEndsItsConnection) {
+    for (const char* const headers : {"Content-Length: 25\r\n", "Transfer-Encoding: chunked\r\n"}) {
+        for (const int status : {204, 304}) {
+            testing_support::Signal asked;
+            const Server server(options(), [&](Connection& c) {
+                c.read();
+                c.write("HTTP/1.1 " + std::to_string(status) + " Answer\r\n" + headers + "\r\n");
+                // What it goes on with looks like another answer.
+                if (c.number() == 1) {
+                    asked.wait();
+                    c.answer(200, "smuggled");
+                }
+                c.stall();
+            });
+            AWClientCURL client("localhost", server.port(), SESSION_SERVICE, CERT_HOST);
+            EXPECT_EQ(0, client.Get("first"));
+            EXPECT_EQ(status, client.httpStatus);
+            asked.notify();
+            EXPECT_EQ(0, client.Get("second"));
+            EXPECT_EQ(status, client.httpStatus);
+            EXPECT_EQ("", client.responseBody);
+            EXPECT_EQ(2, server.connections());
+        }
+    }
+}
+
 class RequestOnClosedConnection : public HttpReuse, public testing::WithParamInterface<bool> {};
 
 TEST_P(RequestOnClosedConnection, IsSentOnANewOneWhateverTheMethod) {

@@ -23,6 +23,10 @@ struct Watch {
     SystemCall call = SystemCall::MMAP;
     std::string path;
     int error = 0;
+    bool counting = false;
+    SystemCall counted = SystemCall::MMAP;
+    std::string countedPath;
+    int calls = 0;
 };
 
 Watch& watch() {
@@ -41,6 +45,7 @@ std::string pathOf(int descriptor) {
 int errorFor(SystemCall call, int descriptor) {
     Watch& w = watch();
     const std::lock_guard<std::mutex> lock(w.mutex);
+    w.calls += w.counting && w.counted == call && w.countedPath == pathOf(descriptor) ? 1 : 0;
     return w.failing && w.call == call && w.path == pathOf(descriptor) ? w.error : 0;
 }
 
@@ -94,6 +99,24 @@ FailingCall::FailingCall(SystemCall call, const std::string& path, int error) {
 FailingCall::~FailingCall() {
     const std::lock_guard<std::mutex> lock(watch().mutex);
     watch().failing = false;
+}
+
+CallCount::CallCount(SystemCall call, const std::string& path) {
+    const std::lock_guard<std::mutex> lock(watch().mutex);
+    watch().counting = true;
+    watch().counted = call;
+    watch().countedPath = path;
+    watch().calls = 0;
+}
+
+CallCount::~CallCount() {
+    const std::lock_guard<std::mutex> lock(watch().mutex);
+    watch().counting = false;
+}
+
+int CallCount::calls() const {
+    const std::lock_guard<std::mutex> lock(watch().mutex);
+    return watch().calls;
 }
 
 }  // namespace testing_support

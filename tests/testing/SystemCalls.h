@@ -44,4 +44,15 @@ public:
     FailingCall& operator=(const FailingCall&) = delete;
 };
 
+/// How often a system call on the file is made while this lives. One at a time.
+class CallCount {
+public:
+    CallCount(SystemCall call, const std::string& path);
+    ~CallCount();
+    CallCount(const CallCount&) = delete;
+    CallCount& operator=(const CallCount&) = delete;
+
+    int calls() const;
+};
+
 }  // namespace testing_support

@@ -1,6 +1,7 @@
 #include "rbac/enforcement/ConstantAccessChecker.h"
 #include "rbac/enforcement/DiskAccessChecker.h"
 #include "testing/RawCache.h"
+#include "testing/SystemCalls.h"
 #include "testing/TemporaryDirectory.h"
 
 #include <rbac/BulkAccess.h>
@@ -85,6 +86,18 @@ TEST_F(BulkAccess, AnswersMoreObjectsThanOneSliceHolds) {
         expected.push_back(i % 3 == 0);
     }
     EXPECT_TRUE(ask(objects) == expected);
+}
+
+TEST_F(BulkAccess, TakesTheLockAnewForEachSlice) {
+    files.write();
+    const auto cache = boost::make_shared<AccessCache>(Manifest("some cache", directory_.path()));
+    const DiskAccessChecker checker(cache, {ROLE}, Operation(OPERATION), 0);
+    // The sizes of the files are compared whenever the lock has been taken.
+    const testing_support::CallCount count(testing_support::SystemCall::FSTAT, files.objectFile());
+    checkAccessToAll(checker, std::vector<ObjectNamespace>(MOST_OBJECTS_AT_ONCE));
+    EXPECT_EQ(count.calls(), 1);
+    checkAccessToAll(checker, std::vector<ObjectNamespace>(2 * MOST_OBJECTS_AT_ONCE + 1));
+    EXPECT_EQ(count.calls(), 1 + 3);
 }
 
 TEST_F(BulkAccess, ThrowsWhereTheCacheIsInvalid) {

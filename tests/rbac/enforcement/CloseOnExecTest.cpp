@@ -275,6 +275,8 @@ TEST(CloseOnExecTest, LeavesNothingToAProgramThatStartsInTheMiddleOfEverything) 
     Host host;
     const ChildProcess service([&] { return host.serve(); });
     host.waitUntilServed();
+    boost::shared_ptr<AccessControlClient> shared;
+    ASSERT_EQ(AccessControlClient::create(ObjectNamespace(), shared), 0);
     host.startRenewing();
     std::map<std::string, int> before;
     for (const std::string& line : inherited()) {
@@ -287,8 +289,6 @@ TEST(CloseOnExecTest, LeavesNothingToAProgramThatStartsInTheMiddleOfEverything) 
     {
         Busy busy;
         const std::string token = host.sessionToken();
-        boost::shared_ptr<AccessControlClient> shared;
-        ASSERT_EQ(AccessControlClient::create(ObjectNamespace(), shared), 0);
         busy.start("clients and checks", [] {
             boost::shared_ptr<AccessControlClient> client;
             boost::shared_ptr<const AccessChecker> checker;
