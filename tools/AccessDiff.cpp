@@ -44,6 +44,19 @@ struct RecordPair {
     bool lets(RoleTree tree) const { return bothInherit() && before.root(tree) == 0 && after.root(tree) == 0; }
 };
 
+/// Those of the first list that are not in the second one.
+ChangeList without(const ChangeList& list, const ChangeList& others) {
+    ChangeList rest;
+    forEachKey(list.words(), others.words(), [&](const WordKey&, const WordPair* word, const WordPair* other) {
+        if (word == nullptr) {
+            return;
+        }
+        const WordPair taken = other == nullptr ? WordPair{word->key, 0, 0} : *other;
+        rest.add({word->key, word->before & ~taken.before, word->after & ~taken.after});
+    });
+    return rest;
+}
+
 /// Compares objects in the order of the caches.
 ///
 /// From level to level it carries what the two caches pass on differently, which mostly is nothing. Only where records
@@ -90,6 +103,8 @@ private:
         bool entered = false;             // what follows is known; most objects have nothing below
         std::size_t passedOnBy = 0;       // the level whose list is also what this one passes on
         ChangeList passedOn = {};
+        ChangeList firstPassedOn = {};   // of these, what the level above does not pass on
+        bool changesAsPassedOn = false;  // an object below it
     };
 
     const ChangeList& passedOn(std::size_t level) const { return levels_[levels_[level].passedOnBy].passedOn; }
@@ -97,12 +112,35 @@ private:
     template <class Stays>
     void leaveUnless(Stays stays) {
         while (levels_.size() > 1 && !stays(levels_.back())) {
-            const Level& level = levels_.back();
-            if (folding_) {
-                folding_->leave(levels_.size() - 1, std::string_view(way_).substr(0, level.textLength),
-                                summary_.objects - level.objectsBefore, level.passedOn);
+            if (!levels_.back().entered && mayPassOnMore(levels_.back().records)) {
+                enterLast();
             }
+            leaveLast();
             levels_.pop_back();
+        }
+    }
+
+    /// Whether a level can pass on changes that do not come from above: seldom, so that most objects with nothing below
+    /// need not be entered.
+    bool mayPassOnMore(const RecordPair& records) {
+        return !records.bothInherit() || !trees_.of(records.before.childRoles, records.after.childRoles).empty();
+    }
+
+    void leaveLast() {
+        const Level& level = levels_.back();
+        if (level.changesAsPassedOn) {
+            unshown_.show(level.passedOn);
+        }
+        const std::vector<GrantChange> unshown = unshown_.leave(level.firstPassedOn);
+        const std::string_view text = std::string_view(way_).substr(0, level.textLength);
+        for (const GrantChange& change : unshown) {
+            ++(change.gained ? summary_.gainedToCome : summary_.lostToCome);
+            if (!folding_) {
+                visit_({text, change.roleId, change.operationBit, change.gained, false, 0, 0, true});
+            }
+        }
+        if (folding_) {
+            folding_->leave(levels_.size() - 1, text, summary_.objects - level.objectsBefore, level.passedOn, unshown);
         }
     }
 
@@ -124,6 +162,8 @@ private:
         }
         level.passedOnBy = number;
         level.passedOn = std::move(changes);
+        level.firstPassedOn = without(level.passedOn, passedOn(number - 1));
+        unshown_.enter(level.firstPassedOn);
         if (folding_) {
             folding_->enter(number, level.passedOn);
         }
@@ -149,6 +189,7 @@ private:
             return;
         }
         tell(changes);
+        unshown_.show(changes);
         if (folding_) {
             folding_->add(levels_.size(), changes);
         }
@@ -156,8 +197,12 @@ private:
 
     void takeAsPassedOn(std::size_t level) {
         const ChangeList& changes = passedOn(level);
+        if (changes.empty()) {
+            return;
+        }
         tell(changes);
-        if (folding_ && !changes.empty()) {
+        levels_[levels_[level].passedOnBy].changesAsPassedOn = true;
+        if (folding_) {
             folding_->addPassedOn(levels_[level].passedOnBy);
         }
     }
@@ -168,7 +213,7 @@ private:
         summary_.lost += changes.lost();
         if (!folding_) {
             changes.forEach([this](const GrantChange& change) {
-                visit_({way_, change.roleId, change.operationBit, change.gained, true, 0, 0});
+                visit_({way_, change.roleId, change.operationBit, change.gained, true, 0, 0, false});
             });
         }
     }
@@ -251,6 +296,7 @@ private:
     const RoleNode* after_;
     TreeComparison trees_;
     const std::function<void(const AccessChange&)>& visit_;
+    UnshownChanges unshown_;
     std::optional<ChangeFolding> folding_;
     std::vector<Level> levels_;
     std::string way_;  // the text of the object that was compared last

@@ -4,6 +4,7 @@
 #include "tools/Names.h"
 #include "tools/OpenedCache.h"
 #include "tools/Subcommand.h"
+#include "tools/Terminal.h"
 
 #include <CLI/CLI.hpp>
 
@@ -11,7 +12,9 @@
 #include <memory>
 #include <optional>
 #include <ostream>
+#include <string>
 #include <system_error>
+#include <unordered_map>
 #include <utility>
 
 namespace Tesmor::Arkwell::Tools {
@@ -54,6 +57,7 @@ public:
         reading.operationsFile = operationsFile();
         Rbac::OperationCache operations(reading.operationsFile);
         loadOperations(operations, reading.operationsFile);
+        warnOfOtherNumbers(operations, reading.operationsFile);
         const OperationTexts texts(operations);
         const Side before(before_, operations, reading);
         // One cache is not locked twice.
@@ -67,7 +71,7 @@ public:
             diffAccess(before.cache(), after.cache(), everyObject_ ? DiffForm::EVERY_OBJECT : DiffForm::FOLDED,
                        [&](const AccessChange& change) { print(out, change, texts); });
         print(out, summary);
-        return summary.objectsAffected == 0 ? EXIT_YES : EXIT_NO;
+        return summary.objectsAffected == 0 && !isToCome(summary) ? EXIT_YES : EXIT_NO;
     }
 
 private:
@@ -80,13 +84,58 @@ private:
         reading_.addTo(command);
     }
 
-    /// Both sides speak of the same operations: their numbers never change.
+    /// Both sides speak of the same operations: their numbers never change, but B, which is later, may know more.
     std::string operationsFile() const {
-        const std::string& folder = isFolder(before_)  ? before_
-                                    : isFolder(after_) ? after_
+        const std::optional<std::string> ofAfter = operationsFileIn(after_);
+        const std::optional<std::string> ofBefore = ofAfter ? ofAfter : operationsFileIn(before_);
+        if (ofBefore) {
+            return *ofBefore;
+        }
+        const std::string folder = isFolder(after_)    ? after_
+                                   : isFolder(before_) ? before_
                                                        : CacheOptions::defaultDirectory();
         return operationsFileOf(folder, reading_);
     }
+
+    std::optional<std::string> operationsFileIn(const std::string& side) const {
+        if (!isFolder(side)) {
+            return std::nullopt;
+        }
+        try {
+            return operationsFileOf(side, reading_);
+        } catch (const Unusable&) {
+            return std::nullopt;
+        }
+    }
+
+    void warnOfOtherNumbers(const Rbac::OperationCache& operations, const std::string& file) const {
+        const std::optional<std::string> fileOfBefore = operationsFileIn(before_);
+        std::error_code ignored;
+        if (!fileOfBefore || std::filesystem::equivalent(*fileOfBefore, file, ignored)) {
+            return;
+        }
+        Rbac::OperationCache others(*fileOfBefore);
+        try {
+            loadOperations(others, *fileOfBefore);
+        } catch (const Unusable& failure) {
+            note(std::string("rbac-cache: warning: ") + failure.what());
+            return;
+        }
+        std::unordered_map<std::string, int> used;
+        for (const auto& [name, operation] : operations.known()) {
+            used.emplace(name.str(), operation.bitNumber());
+        }
+        for (const auto& [name, other] : others.known()) {
+            const auto found = used.find(name.str());
+            if (found != used.end() && found->second != other.bitNumber()) {
+                note("rbac-cache: warning: " + found->first + " is operation " + std::to_string(other.bitNumber()) +
+                     " in " + *fileOfBefore + ", but " + std::to_string(found->second) + " in " + file +
+                     ", which is used");
+            }
+        }
+    }
+
+    static bool isToCome(const DiffSummary& summary) { return summary.gainedToCome + summary.lostToCome != 0; }
 
     void print(std::ostream& out, const AccessChange& change, const OperationTexts& operations) const {
         if (!output().json) {
@@ -106,6 +155,7 @@ private:
                 .set("changedBelow", change.changedBelow)
                 .set("objectsBelow", change.objectsBelow);
         }
+        document.set("toCome", change.toCome);
         document.print(out);
     }
 
@@ -119,6 +169,9 @@ private:
 
     static std::string whereOf(const AccessChange& change) {
         std::string text = printable(change.objectText);
+        if (change.toCome) {
+            return change.onObject ? text + " and what will be below it" : "what will be below " + text;
+        }
         if (change.changedBelow == 0) {
             return text;
         }
@@ -138,19 +191,27 @@ private:
                 .set("inheritChanged", summary.inheritChanged)
                 .set("objectsAffected", summary.objectsAffected)
                 .set("gained", summary.gained)
-                .set("lost", summary.lost);
+                .set("lost", summary.lost)
+                .set("gainedToCome", summary.gainedToCome)
+                .set("lostToCome", summary.lostToCome);
             JsonObject line;
             line.set("summary", std::move(figures)).print(out);
             return;
         }
         out << counted(summary.objects, "object", "objects") << ", " << summary.onlyBefore << " only in A, "
             << summary.onlyAfter << " only in B, " << summary.inheritChanged << " with another inherit flag\n";
-        if (summary.objectsAffected == 0) {
+        if (summary.objectsAffected == 0 && !isToCome(summary)) {
             out << "no difference in access\n";
             return;
         }
-        out << "access to " << counted(summary.objectsAffected, "object", "objects") << " differs: " << summary.gained
-            << " gained, " << summary.lost << " lost\n";
+        if (summary.objectsAffected != 0) {
+            out << "access to " << counted(summary.objectsAffected, "object", "objects")
+                << " differs: " << summary.gained << " gained, " << summary.lost << " lost\n";
+        }
+        if (isToCome(summary)) {
+            out << "access to what will be below differs: " << summary.gainedToCome << " gained, " << summary.lostToCome
+                << " lost\n";
+        }
     }
 
     std::string before_;

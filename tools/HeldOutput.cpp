@@ -32,8 +32,9 @@ void writeAll(int descriptor, std::string_view text) {
 
 /// A new file that goes with its descriptor.
 Descriptor namelessFile() {
-    const char* const folder = std::getenv("TMPDIR");
-    std::string path = std::string(folder != nullptr ? folder : "/tmp") + "/rbac-cache.XXXXXX";
+    const char* const chosen = std::getenv("TMPDIR");
+    const std::string folder = chosen != nullptr && *chosen != '\0' ? chosen : "/tmp";
+    std::string path = folder + "/rbac-cache.XXXXXX";
     Descriptor file(mkostemp(path.data(), O_CLOEXEC));
     if (!file.isOpen()) {
         failTo("make " + path);

@@ -3,11 +3,16 @@
 #include "tools/OpenedCache.h"
 #include "tools/Subcommand.h"
 
+#include <rbac/AccessCache.h>
 #include <rbac/CacheVerification.h>
 
 #include <CLI/CLI.hpp>
+#include <sys/stat.h>
 
+#include <algorithm>
 #include <iomanip>
+#include <limits>
+#include <optional>
 #include <ostream>
 #include <string>
 #include <utility>
@@ -25,6 +30,19 @@ std::string timeText(std::int64_t nanoseconds) {
     using std::chrono::system_clock;
     return platform_detail::utcText(
         system_clock::time_point(duration_cast<system_clock::duration>(std::chrono::nanoseconds(nanoseconds))));
+}
+
+/// Each publication changes the metadata, also those that do not say when it was. None where there are no metadata.
+std::optional<std::string> metadataChangeTime(const std::string& directory) {
+    struct stat status {};
+    if (stat((directory + "/" + Rbac::AccessCache::METADATA_FILE_NAME).c_str(), &status) != 0) {
+        return std::nullopt;
+    }
+    // Files may be from centuries that the clock does not count to.
+    constexpr std::int64_t NANOSECONDS = 1'000'000'000;
+    constexpr std::int64_t LAST_SECOND = std::numeric_limits<std::int64_t>::max() / NANOSECONDS - 1;
+    const std::int64_t seconds = std::clamp<std::int64_t>(status.st_mtim.tv_sec, 0, LAST_SECOND);
+    return timeText(seconds * NANOSECONDS + status.st_mtim.tv_nsec);
 }
 
 /// Looks at the files as they are, sound or not.
@@ -88,6 +106,8 @@ private:
                       timeText(found.publication->publishedAt) + ", publication " +
                           std::to_string(found.publication->number) + ", " +
                           counted(found.publication->grantCount, "grant", "grants"));
+        } else if (const auto changed = metadataChangeTime(directory())) {
+            printLine(out, "published", "unknown; metadata changed " + *changed);
         }
         printLine(out, "writing flag", found.writing ? "set" : "not set");
         printLine(out, "objects",
@@ -144,6 +164,8 @@ private:
             document.set("publishedAt", timeText(found.publication->publishedAt))
                 .set("publication", found.publication->number)
                 .set("grants", found.publication->grantCount);
+        } else if (const auto changed = metadataChangeTime(directory())) {
+            document.set("metadataChangedAt", *changed);
         }
         document.set("writing", found.writing)
             .set("faults", found.faults)
@@ -171,10 +193,16 @@ public:
                       "  rbac-cache verify --cache /backup/access-caches/all"}) {}
 
     ExitCode run(std::ostream& out) override {
+        std::uint64_t seen = 0;
         const CacheStatistics found = inspect([&](const CacheFault& fault) {
-            print(out, fault);
+            if (++seen <= MOST_SHOWN) {
+                print(out, fault);
+            }
             return true;
         });
+        if (found.faults > MOST_SHOWN) {
+            printRest(out, found.faults - MOST_SHOWN);
+        }
         if (!output().json) {
             printConclusion(out, found);
         }
@@ -182,6 +210,17 @@ public:
     }
 
 private:
+    // All of them could be more than the disk holds, while the cache's lock is held.
+    static constexpr std::uint64_t MOST_SHOWN = 1000;
+
+    void printRest(std::ostream& out, std::uint64_t count) const {
+        if (output().json) {
+            JsonObject().set("moreFaults", count).print(out);
+            return;
+        }
+        out << "... and " << counted(count, "more fault", "more faults") << "\n";
+    }
+
     void print(std::ostream& out, const CacheFault& fault) const {
         if (output().json) {
             JsonObject()

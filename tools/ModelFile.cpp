@@ -65,17 +65,13 @@ public:
         if (!in) {
             throw std::system_error(errno, std::generic_category(), path_);
         }
-        std::string first;
-        std::getline(in, first);
-        json_error_t error;
-        const JsonPointer value = parse(first, error);
-        const bool byLines = value && json_object_get(value.get(), "objects") == nullptr;
-        if (byLines) {
-            readLines(in, std::move(first));
-        } else {
-            first += in.eof() ? "" : "\n";
-            first.append(std::istreambuf_iterator<char>(in), {});
-            readDocument(first);
+        int number = 0;
+        std::string line;
+        do {
+            ++number;
+        } while (std::getline(in, line) && isBlank(line));
+        if (!isBlank(line)) {
+            readFrom(in, std::move(line), number);
         }
         if (in.bad()) {
             throw std::system_error(EIO, std::generic_category(), path_);
@@ -84,10 +80,23 @@ public:
     }
 
 private:
-    void readLines(std::istream& in, std::string line) {
-        int number = 0;
+    /// What begins with the line of this number, the first that is not blank.
+    void readFrom(std::istream& in, std::string line, int number) {
+        json_error_t error;
+        const JsonPointer value = parse(line, error);
+        if (value && json_object_get(value.get(), "objects") == nullptr) {
+            readLines(in, std::move(line), number);
+            return;
+        }
+        std::string document(static_cast<std::size_t>(number - 1), '\n');
+        document += line;
+        document += in.eof() ? "" : "\n";
+        document.append(std::istreambuf_iterator<char>(in), {});
+        readDocument(document);
+    }
+
+    void readLines(std::istream& in, std::string line, int number) {
         do {
-            ++number;
             if (!isBlank(line)) {
                 json_error_t error;
                 const JsonPointer value = parse(line, error);
@@ -96,6 +105,7 @@ private:
                 }
                 readObject({value.get(), ""}, ", line " + std::to_string(number));
             }
+            ++number;
         } while (std::getline(in, line));
     }
 

@@ -15,8 +15,9 @@ namespace Tesmor::Arkwell::Tools {
 ///       {"namespace": "|ASSETS|db|", "inherit": true, "accessDefinitions": [
 ///         {"roleId": 2, "propagation": "OBJECT_AND_CHILDREN", "operations": ["|OPERATIONS|VIEW|"]}]}]}
 ///
-/// or every line of it is one of the objects. "namespace" of the document and "accessDefinitions" may be missing. An
-/// operation without a name is written as its number. Nothing else may be in it.
+/// or every line of it is one of the objects, blank lines aside; without any there are no objects. "namespace" of the
+/// document and "accessDefinitions" may be missing. An operation without a name is written as its number. Nothing else
+/// may be in it.
 ///
 /// @param operations where names of operations are looked up.
 /// @throws std::invalid_argument naming the file, the place in it and what is wrong there; std::system_error naming the

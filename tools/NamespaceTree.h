@@ -11,7 +11,8 @@
 namespace Tesmor::Arkwell::Tools {
 
 /// The namespaces at and below one, as lines of a drawn tree: the objects of a cache whose lock is held, and the
-/// namespaces between them. In memory for the way to one of them.
+/// namespaces between them. In memory for the way to one of them and a bit for each line. Walks through the cache
+/// twice: only what follows a namespace tells whether it is the last of its siblings.
 class NamespaceTree {
 public:
     struct Node {
@@ -30,14 +31,17 @@ public:
 private:
     /// A namespace on the way to the one that is visited.
     struct Level {
-        std::size_t textLength;
-        std::string lastBelow;  // the text of the last object at or below it
-        bool isLast;            // of its siblings
+        std::size_t textLength = 0;
+        std::size_t line = 0;
+        std::size_t lastChild = 0;  // the line of the newest one; 0: none yet
     };
+    /// Is told the text of an object and its record; the namespace that is visited, the last level, may end before the
+    /// object does.
+    using Visit = std::function<void(const std::string&, const Rbac::ManagedObject&)>;
 
-    void visitObject(const std::string& text, const Rbac::ManagedObject& record,
-                     const std::function<void(const Node&)>& visit);
-    bool isLastChild(std::string_view text) const;
+    void walk(const Visit& visit);
+    void findLastChildren();
+    std::string nameIn(const std::string& text) const;
     std::string branches() const;
 
     const Rbac::detail::CacheView& cache_;
@@ -45,6 +49,7 @@ private:
     std::size_t deepest_;
     bool utf8_;
     std::vector<Level> levels_;
+    std::vector<bool> isLast_;  // of its siblings, by line
 };
 
 }  // namespace Tesmor::Arkwell::Tools

@@ -24,26 +24,39 @@ using Rbac::Manifest;
 namespace {
 
 constexpr char OPERATIONS_FILE[] = "operation-cache.json";
+constexpr off_t LARGEST_MANIFEST = off_t{16} << 20U;
 
-Manifest readManifest(const std::string& directory) {
-    try {
-        return {"", requireCacheFolder(directory)};
-    } catch (const EC_exception& failure) {
-        throw Unusable(directory + ": " + LibraryLog::describe(failure.status));
-    } catch (const boost::bad_lexical_cast&) {
-        throw Unusable(directory + "/" + AccessCache::MANIFEST_FILE_NAME + " names no namespace");
-    }
+std::string errorText() {
+    return std::generic_category().message(errno);
 }
 
 /// The library says what it cannot open on the standard error stream, so it is not asked to open what is not there.
-void requireRegularFile(const std::string& path) {
+///
+/// @return the file's size.
+off_t requireRegularFile(const std::string& path) {
     const platform_detail::Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
     if (!file.isOpen()) {
-        throw Unusable("cannot open " + path + ": " + std::generic_category().message(errno));
+        throw Unusable("cannot open " + path + ": " + errorText());
     }
     struct stat status {};
     if (fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
         throw Unusable(path + " is no regular file");
+    }
+    return status.st_size;
+}
+
+Manifest readManifest(const std::string& directory) {
+    const std::string path = directory + "/" + AccessCache::MANIFEST_FILE_NAME;
+    if (const off_t size = requireRegularFile(path); size > LARGEST_MANIFEST) {
+        throw Unusable(path + " has " + std::to_string(size) + " bytes, and none needs more than " +
+                       std::to_string(LARGEST_MANIFEST));
+    }
+    try {
+        return {"", directory};
+    } catch (const EC_exception& failure) {
+        throw Unusable(directory + ": " + LibraryLog::describe(failure.status));
+    } catch (const boost::bad_lexical_cast&) {
+        throw Unusable(path + " names no namespace");
     }
 }
 
@@ -73,12 +86,22 @@ Rbac::CacheStatistics requireSound(const std::string& directory) {
 }  // namespace
 
 std::string requireCacheFolder(const std::string& directory) {
-    std::error_code ignored;
-    const std::string manifest = directory + "/" + AccessCache::MANIFEST_FILE_NAME;
-    if (!std::filesystem::exists(manifest, ignored)) {
-        throw Unusable(directory + " is no access cache: there is no " + AccessCache::MANIFEST_FILE_NAME + " in it");
+    struct stat status {};
+    if (stat(directory.c_str(), &status) != 0) {
+        throw Unusable("cannot open " + directory + ": " + errorText());
     }
-    return directory;
+    const std::string folder = directory + "/";
+    for (const std::string& name :
+         {AccessCache::MANIFEST_FILE_NAME, AccessCache::METADATA_FILE_NAME, AccessCache::OBJECT_FILE_NAME,
+          AccessCache::NODE_FILE_NAME, AccessCache::SEGMENT_FILE_NAME}) {
+        if (lstat((folder + name).c_str(), &status) == 0) {
+            return directory;
+        }
+        if (errno != ENOENT) {
+            throw Unusable("cannot look into " + directory + ": " + errorText());
+        }
+    }
+    throw Unusable(directory + " is no access cache: none of the files of one is in it");
 }
 
 std::string operationsFileOf(const std::string& directory, const ReadingOptions& reading) {
@@ -112,14 +135,12 @@ void loadOperations(Rbac::OperationCache& operations, const std::string& path) {
 }
 
 OpenedCache::OpenedCache(const std::string& directory, const ReadingOptions& reading)
-    : manifest_(readManifest(directory)),
-      operationsFile_(operationsFileOf(directory, reading)),
+    : operationsFile_(operationsFileOf(requireCacheFolder(directory), reading)),
+      statistics_(reading.trust ? std::nullopt : std::optional(requireSound(directory))),
+      manifest_(readManifest(directory)),
       cache_(openCache(manifest_)),
       operations_(operationsFile_),
       client_(manifest_.objectNamespace(), cache_, operations_) {
-    if (!reading.trust) {
-        statistics_ = requireSound(directory);
-    }
     loadOperations(operations_, operationsFile_);
 }
 

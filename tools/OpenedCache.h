@@ -29,17 +29,17 @@ public:
     const std::optional<Rbac::CacheStatistics>& statistics() const { return statistics_; }
 
 private:
-    Rbac::Manifest manifest_;
     std::string operationsFile_;
+    std::optional<Rbac::CacheStatistics> statistics_;  // before what is read of the cache
+    Rbac::Manifest manifest_;
     boost::shared_ptr<const Rbac::AccessCache> cache_;
     Rbac::OperationCache operations_;
     Rbac::DiskAccessControlClient client_;
-    std::optional<Rbac::CacheStatistics> statistics_;
 };
 
-/// The folder of a cache, as it is named in messages and looked for.
+/// The folder of a cache, as it is named in messages and looked for; the cache may lack files.
 ///
-/// @throws Unusable: there is no cache in it.
+/// @throws Unusable: there is nothing of a cache in it, or it cannot be looked into.
 std::string requireCacheFolder(const std::string& directory);
 
 /// Where the numbers of the operations are that a cache in this folder speaks of.

@@ -83,7 +83,11 @@ void ReadingOptions::addTo(CLI::App& command) {
 }
 
 void RoleOptions::addTo(CLI::App& command) {
-    command.add_option("--roles", ids, "role ids, with commas between them")->delimiter(',')->option_text("ID,...");
+    // Without the last, the words after the ids would be taken for ids as well.
+    command.add_option("--roles", ids, "role ids, with commas between them")
+        ->delimiter(',')
+        ->option_text("ID,...")
+        ->allow_extra_args(false);
     command.add_option("--token", tokenFile, "a file with a session token, whose roles are taken; - is standard input")
         ->option_text("FILE");
 }

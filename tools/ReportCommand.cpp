@@ -1,3 +1,4 @@
+#include "platform/Handles.h"
 #include "rbac/cache/ObjectCursor.h"
 #include "rbac/cache/RoleTrees.h"
 #include "tools/JsonObject.h"
@@ -6,9 +7,14 @@
 #include "tools/Subcommand.h"
 
 #include <CLI/CLI.hpp>
+#include <fcntl.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <ostream>
 #include <system_error>
@@ -69,6 +75,56 @@ ReportHeader headerOf(OpenedCache& cache) {
     return header;
 }
 
+[[noreturn]] void throwCannotWrite(const std::string& path) {
+    throw Unusable("cannot write " + path + ": " + std::generic_category().message(errno));
+}
+
+/// A file beside another one that only its owner may read, gone with this object.
+class FileBeside {
+public:
+    explicit FileBeside(const std::string& path) : path_(path + ".XXXXXX") {
+        const platform_detail::Descriptor file(mkostemp(path_.data(), O_CLOEXEC));
+        if (!file.isOpen()) {
+            throwCannotWrite(path);
+        }
+    }
+    ~FileBeside() { unlink(path_.c_str()); }
+    FileBeside(const FileBeside&) = delete;
+    FileBeside& operator=(const FileBeside&) = delete;
+
+    const std::string& path() const { return path_; }
+
+private:
+    std::string path_;
+};
+
+/// @param shownPath what the file is called where it cannot be written.
+void writePage(const ReportPage& page, const std::string& path, const std::string& shownPath) {
+    std::ofstream file(path, std::ios::binary | std::ios::trunc);
+    page.write(file);
+    file.close();
+    if (!file) {
+        throwCannotWrite(shownPath);
+    }
+}
+
+/// Only the owner may read the file: it tells what everybody may do. Devices and pipes are written to as they are.
+void writeTo(const std::string& path, const ReportPage& page) {
+    std::error_code ignored;
+    const auto type = std::filesystem::status(path, ignored).type();
+    if (type != std::filesystem::file_type::regular && type != std::filesystem::file_type::not_found) {
+        writePage(page, path, path);
+        return;
+    }
+    const std::filesystem::path target = std::filesystem::weakly_canonical(path, ignored);
+    const std::string replaced = target.empty() ? path : target.string();
+    const FileBeside next(replaced);
+    writePage(page, next.path(), path);
+    if (std::rename(next.path().c_str(), replaced.c_str()) != 0) {
+        throwCannotWrite(path);
+    }
+}
+
 class Report : public Subcommand {
 public:
     Report()
@@ -113,15 +169,6 @@ private:
             page.addObject(cursor.text(), object.inherit != 0, trees.of(object.ownRoles), trees.of(object.childRoles));
         }
         return objects;
-    }
-
-    static void writeTo(const std::string& path, const ReportPage& page) {
-        std::ofstream file(path, std::ios::binary | std::ios::trunc);
-        page.write(file);
-        file.close();
-        if (!file) {
-            throw Unusable("cannot write " + path + ": " + std::generic_category().message(errno));
-        }
     }
 
     std::string file_;

@@ -1,16 +1,30 @@
 # Completes the command line of rbac-cache in bash.
 
+# The words below are those up to the one that is completed. Readline makes three words of --cache=DIR; here they are two.
+_rbac_cache_words() {
+    local i
+    words=("${COMP_WORDS[0]}")
+    for ((i = 1; i <= COMP_CWORD; ++i)); do
+        if [[ ${COMP_WORDS[i]} != '=' || ${COMP_WORDS[i - 1]} != --* ]]; then
+            words+=("${COMP_WORDS[i]}")
+        elif ((i == COMP_CWORD)); then
+            words+=("")
+        fi
+    done
+    last=$((${#words[@]} - 1))
+}
+
 # Asks the cache that the command line is about.
 _rbac_cache_ask() {
     local -a choice=()
     local i
-    for ((i = 1; i < COMP_CWORD; ++i)); do
-        case ${COMP_WORDS[i]} in
-            --cache | --operations) choice+=("${COMP_WORDS[i]}" "${COMP_WORDS[i + 1]}") ;;
-            --trust) choice+=(--trust) ;;
+    for ((i = 1; i < last; ++i)); do
+        case ${words[i]} in
+            --cache | --operations) choice+=("${words[i]}" "${words[i + 1]}") ;;
+            --cache=* | --operations=* | --trust) choice+=("${words[i]}") ;;
         esac
     done
-    "${COMP_WORDS[0]}" "$@" "${choice[@]}" 2>/dev/null
+    "${words[0]}" "$@" "${choice[@]}" 2>/dev/null
 }
 
 _rbac_cache_operations() {
@@ -35,11 +49,11 @@ _rbac_cache_objects() {
     compopt -o nospace 2>/dev/null
 }
 
-# How many words of COMP_WORDS before the last are neither options nor their values, without the command itself.
+# How many words before the last are neither options nor their values, without the command itself.
 _rbac_cache_arguments() {
     local i count=0
-    for ((i = 1; i < COMP_CWORD; ++i)); do
-        case ${COMP_WORDS[i]} in
+    for ((i = 1; i < last; ++i)); do
+        case ${words[i]} in
             --cache | --operations | --roles | --token | --color | --depth | --output) ((++i)) ;;
             -*) ;;
             *) ((++count)) ;;
@@ -49,7 +63,10 @@ _rbac_cache_arguments() {
 }
 
 _rbac_cache() {
-    local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]} subcommand=${COMP_WORDS[1]}
+    local -a words
+    local last
+    _rbac_cache_words
+    local current=${words[last]} previous=${words[last - 1]} subcommand=${words[1]}
     local reading="--cache --operations --trust" output="--json --color --verbose --help"
     local options=""
     COMPREPLY=()
@@ -70,7 +87,7 @@ _rbac_cache() {
         --roles | --depth) return ;;
     esac
 
-    if ((COMP_CWORD == 1)); then
+    if ((last == 1)); then
         mapfile -t COMPREPLY < <(compgen -W \
             "check explain who-can what-can list ls tree diff stat verify report --help --version" -- "$current")
         return

@@ -19,7 +19,7 @@ using namespace Tesmor::Arkwell::Tools;
 
 constexpr char DESCRIPTION[] =
     "Looks into an access cache: what is in it, who may do what and why, what a change does, and whether its files are "
-    "sound. Nothing is changed.";
+    "sound. Nothing of it is changed.";
 constexpr char FOOTER[] =
     "Exit codes:\n"
     "  0  yes; or the list, which may be empty\n"

@@ -56,9 +56,11 @@ std::string lineOf(const AccessChange& change) {
            " " + std::string(change.objectText);
 }
 
-/// Such as "+5:0 |A| and 2 of 3 below"; without "|A|" itself, "+5:0 2 of 3 below |A|".
+/// Such as "+5:0 |A| and 2 of 3 below"; without "|A|" itself, "+5:0 2 of 3 below |A|". "0 and more of 3" where the
+/// change is to come.
 std::string foldedLineOf(const AccessChange& change) {
-    const std::string counts = std::to_string(change.changedBelow) + " of " + std::to_string(change.objectsBelow);
+    const std::string counts = std::to_string(change.changedBelow) + (change.toCome ? " and more" : "") + " of " +
+                               std::to_string(change.objectsBelow);
     if (change.onObject) {
         return lineOf(change) + " and " + counts + " below";
     }
@@ -69,8 +71,21 @@ std::string foldedLineOf(const AccessChange& change) {
 
 Lines everyLine(const AccessCache& before, const AccessCache& after) {
     Lines lines;
-    diffAccess(before, after, DiffForm::EVERY_OBJECT,
-               [&](const AccessChange& change) { lines.push_back(lineOf(change)); });
+    diffAccess(before, after, DiffForm::EVERY_OBJECT, [&](const AccessChange& change) {
+        if (change.onObject) {
+            lines.push_back(lineOf(change));
+        }
+    });
+    return lines;
+}
+
+/// The changes to come, and the others, which come before those.
+Lines linesToCome(const AccessCache& before, const AccessCache& after) {
+    Lines lines;
+    diffAccess(before, after, DiffForm::EVERY_OBJECT, [&](const AccessChange& change) {
+        EXPECT_NE(change.onObject, change.toCome);
+        lines.push_back((change.toCome ? "below: " : "") + lineOf(change));
+    });
     return lines;
 }
 
@@ -110,6 +125,10 @@ Lines everyChange(const Objects& before, const Objects& after) {
 
 Lines foldedChanges(const Objects& before, const Objects& after) {
     return foldedLines(Cache(before), Cache(after));
+}
+
+Lines changesToCome(const Objects& before, const Objects& after) {
+    return linesToCome(Cache(before), Cache(after));
 }
 
 DiffSummary summaryOf(const Objects& before, const Objects& after) {
@@ -350,10 +369,64 @@ TEST(AccessDiffTest, AFoldedChangeToTheObjectOnlyHasNothingBelow) {
                 ElementsAre("+5:0 |A| and 0 of 1 below"));
 }
 
-TEST(AccessDiffTest, AFoldedChangeThatIsPassedOnToNobodyIsNone) {
+TEST(AccessDiffTest, AFoldedChangeThatIsPassedOnToNobodyIsToCome) {
     EXPECT_THAT(foldedChanges({object("|A|"), object("|A|B|", {}, STOPS)},
                               {object("|A|", {{5, 0, CHILDREN}}), object("|A|B|", {}, STOPS)}),
-                IsEmpty());
+                ElementsAre("+5:0 0 and more of 1 below |A|"));
+}
+
+TEST(AccessDiffTest, AChangeToAnObjectThatIsToComeBelowItIsFoldedIntoOne) {
+    EXPECT_THAT(foldedChanges({object("|A|", {{6, 1, BOTH}})}, {object("|A|", {{5, 0, BOTH}, {7, 2, OWN}})}),
+                ElementsAre("+5:0 |A| and 0 and more of 0 below", "-6:1 |A| and 0 and more of 0 below",
+                            "+7:2 |A| and 0 of 0 below"));
+}
+
+TEST(AccessDiffTest, AFoldedChangeToComeIsVisitedWithTheObjectThatPassesItOn) {
+    EXPECT_THAT(foldedChanges(
+                    {object("|A|"), object("|A|B|"), object("|A|B|C|", {}, STOPS)},
+                    {object("|A|", {{5, 0, OWN}}), object("|A|B|", {{5, 0, CHILDREN}}), object("|A|B|C|", {}, STOPS)}),
+                ElementsAre("+5:0 0 and more of 1 below |A|B|", "+5:0 |A| and 0 of 2 below"));
+}
+
+TEST(AccessDiffTest, AGrantToWhatIsBelowIsToComeWhereNothingIs) {
+    EXPECT_THAT(changesToCome({object("|A|"), object("|B|")}, {object("|A|", {{5, 0, CHILDREN}}), object("|B|")}),
+                ElementsAre("below: +5:0 |A|"));
+}
+
+TEST(AccessDiffTest, WhatAnObjectBelowShowsIsNotToCome) {
+    EXPECT_THAT(changesToCome({object("|A|"), object("|A|B|", {}, STOPS), object("|A|C|")},
+                              {object("|A|", {{5, 0, CHILDREN}}), object("|A|B|", {}, STOPS), object("|A|C|")}),
+                ElementsAre("+5:0 |A|C|"));
+}
+
+TEST(AccessDiffTest, WhatAnObjectBelowShowsByItsOwnGrantIsNotToCome) {
+    EXPECT_THAT(changesToCome({object("|A|"), object("|A|B|", {}, STOPS)},
+                              {object("|A|", {{5, 0, CHILDREN}}), object("|A|B|", {{5, 0, OWN}}, STOPS)}),
+                ElementsAre("+5:0 |A|B|"));
+}
+
+TEST(AccessDiffTest, WhatIsToComeBelowAnObjectIsNotSaidAgainOfThoseThatPassItOn) {
+    const ModelObject holds = object("|A|B|", {{5, 0, OWN}});
+    EXPECT_THAT(changesToCome({object("|A|"), holds}, {object("|A|", {{5, 0, CHILDREN}}), holds}),
+                ElementsAre("below: +5:0 |A|"));
+}
+
+TEST(AccessDiffTest, WhatIsToComeBelowAnExceptionInAnExceptionIsSaidOfIt) {
+    const auto tree = [](const std::vector<Grant>& grants) {
+        return Objects{object("|A|", grants), object("|A|B|", {}, STOPS), object("|A|B|D|", grants), object("|A|C|")};
+    };
+    EXPECT_THAT(changesToCome(tree({}), tree({{5, 0, CHILDREN}})), ElementsAre("below: +5:0 |A|B|D|", "+5:0 |A|C|"));
+}
+
+TEST(AccessDiffTest, AnInheritFlagIsToComeWhereNothingIsBelow) {
+    const ModelObject top = object("|A|", {{5, 0, CHILDREN}, {6, 1, CHILDREN}});
+    EXPECT_THAT(changesToCome({top, object("|A|B|", {{5, 0, OWN}, {6, 1, OWN}})},
+                              {top, object("|A|B|", {{5, 0, OWN}, {6, 1, BOTH}}, STOPS)}),
+                ElementsAre("below: -5:0 |A|B|"));
+}
+
+TEST(AccessDiffTest, AnObjectThatIsRemovedChangesWhatIsToCome) {
+    EXPECT_THAT(changesToCome({object("|A|", {{5, 0, CHILDREN}})}, {}), ElementsAre("below: -5:0 |A|"));
 }
 
 TEST(AccessDiffTest, FoldingCountsOnlyWhatChangesInAPartlyOverriddenTree) {
@@ -387,7 +460,7 @@ TEST(AccessDiffTest, OtherChangesBelowAreVisitedBeforeTheTopmostOnes) {
 TEST(AccessDiffTest, TheOppositeChangeBelowIsAChangeOfItsOwn) {
     EXPECT_THAT(foldedChanges({object("|A|", {{5, 0, BOTH}}), object("|A|B|", {}, STOPS), object("|A|B|C|")},
                               {object("|A|"), object("|A|B|", {{5, 0, BOTH}}, STOPS), object("|A|B|C|")}),
-                ElementsAre("+5:0 |A|B| and 1 of 1 below", "-5:0 |A| and 0 of 2 below"));
+                ElementsAre("+5:0 |A|B| and 1 of 1 below", "-5:0 |A| and 0 and more of 2 below"));
 }
 
 TEST(AccessDiffTest, SiblingsWithTheSameChangeAreVisitedOneByOne) {
@@ -398,9 +471,10 @@ TEST(AccessDiffTest, SiblingsWithTheSameChangeAreVisitedOneByOne) {
 
 TEST(AccessDiffTest, TheSummaryCountsObjectsAndChanges) {
     const DiffSummary summary =
-        summaryOf({object("|A|", {{5, 0, BOTH}}), object("|A|1|"), object("|A|2|", {}, STOPS), object("|A|gone|")},
+        summaryOf({object("|A|", {{5, 0, BOTH}}), object("|A|1|"),
+                   object("|A|2|", {{8, 0, CHILDREN}, {8, 1, CHILDREN}}, STOPS), object("|A|gone|")},
                   {object("|A|", {{6, 0, BOTH}, {6, 32, BOTH}}), object("|A|1|", {}, STOPS), object("|A|2|", {}, STOPS),
-                   object("|A|new|"), object("|B|")});
+                   object("|A|new|"), object("|B|", {{7, 1, CHILDREN}})});
     EXPECT_EQ(summary.objects, 6U);
     EXPECT_EQ(summary.onlyBefore, 1U);
     EXPECT_EQ(summary.onlyAfter, 2U);
@@ -408,6 +482,8 @@ TEST(AccessDiffTest, TheSummaryCountsObjectsAndChanges) {
     EXPECT_EQ(summary.objectsAffected, 4U);  // not |A|2| and |B|
     EXPECT_EQ(summary.gained, 6U);
     EXPECT_EQ(summary.lost, 4U);
+    EXPECT_EQ(summary.gainedToCome, 1U);
+    EXPECT_EQ(summary.lostToCome, 2U);
 }
 
 TEST(AccessDiffTest, TheSummaryIsTheSameForBothForms) {
@@ -418,6 +494,8 @@ TEST(AccessDiffTest, TheSummaryIsTheSameForBothForms) {
         EXPECT_EQ(summary.objectsAffected, 3U);
         EXPECT_EQ(summary.gained, 2U);
         EXPECT_EQ(summary.lost, 2U);
+        EXPECT_EQ(summary.gainedToCome, 0U);
+        EXPECT_EQ(summary.lostToCome, 0U);
     }
 }
 

@@ -135,8 +135,27 @@ TEST_F(ModelFileTest, RefusesALineThatIsNoJson) {
               ", line 2, column 35: invalid token near 'tru'");
 }
 
-TEST_F(ModelFileTest, RefusesAnEmptyFile) {
-    EXPECT_EQ(refusalOf(""), ", line 1, column 0: '[' or '{' expected near end of file");
+TEST_F(ModelFileTest, AnEmptyFileHoldsNoObjects) {
+    const AccessModel model = read("");
+    EXPECT_EQ(model.objectCount(), 0U);
+    EXPECT_EQ(model.scope, ObjectNamespace());
+}
+
+TEST_F(ModelFileTest, AFileOfBlankLinesHoldsNoObjects) {
+    EXPECT_EQ(read("\n \t\r\n  ").objectCount(), 0U);
+}
+
+TEST_F(ModelFileTest, ReadsOneObjectALineAlsoBehindBlankLines) {
+    const std::string objects = "\n \r\n{\"namespace\": \"|A|\", \"inherit\": true}\n";
+    EXPECT_THAT(linesOf(objects + "{\"namespace\": \"|B|\", \"inherit\": true}\n"),
+                ElementsAre("|A| inherits", "|B| inherits"));
+    EXPECT_EQ(refusalOf(objects + "{\"namespace\": \"|B|\", \"inherit\": tru}\n"),
+              ", line 4, column 35: invalid token near 'tru'");
+}
+
+TEST_F(ModelFileTest, CountsBlankLinesBeforeADocument) {
+    EXPECT_EQ(refusalOf("\n\n{\"objects\": [\n  {\"namespace\" \"|A|\"}]}"),
+              ", line 4, column 20: ':' expected near '\"|A|\"'");
 }
 
 TEST_F(ModelFileTest, RefusesADocumentWhoseObjectsAreNoList) {

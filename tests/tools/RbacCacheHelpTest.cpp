@@ -151,6 +151,15 @@ TEST_F(RbacCacheHelpTest, CompletesOperations) {
     EXPECT_THAT(complete({"who-can", "--cache", cache(), "V"}), ElementsAre("VIEW"));
 }
 
+TEST_F(RbacCacheHelpTest, CompletesAfterAnOptionWithAnEqualsSign) {
+    // Readline splits a word at the sign.
+    EXPECT_THAT(complete({"who-can", "--cache", "=", cache(), ""}), ElementsAre("ADD", "UPDATE", "VIEW"));
+    EXPECT_THAT(complete({"who-can", "--cache", "=", cache(), "VIEW", "'|S"}), ElementsAre("|STORAGE|"));
+    EXPECT_THAT(complete({"who-can", "--cache=" + cache(), ""}), ElementsAre("ADD", "UPDATE", "VIEW"));
+    EXPECT_THAT(complete({"ls", "--cache", "=", directory_ / "p"}), ElementsAre(directory_ / "published"));
+    EXPECT_THAT(complete({"ls", "--color", "="}), ElementsAre("auto", "always", "never"));
+}
+
 TEST_F(RbacCacheHelpTest, CompletesObjectsLevelByLevel) {
     EXPECT_THAT(complete({"ls", "--cache", cache(), ""}), ElementsAre("'|ASSETS|", "'|STORAGE|"));
     EXPECT_THAT(complete({"check", "--cache", cache(), "VIEW", "'|ASSETS|d"}), ElementsAre("|ASSETS|db+1|"));

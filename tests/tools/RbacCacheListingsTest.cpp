@@ -4,7 +4,10 @@
 
 #include <gmock/gmock.h>
 
+#include <cstddef>
 #include <filesystem>
+#include <string>
+#include <vector>
 
 // rbac-cache ls and tree.
 
@@ -115,6 +118,22 @@ protected:
         return testing_support::runProgram(words, {{"LC_ALL", "C"}});
     }
 
+    /// Objects below the root in ascending order, each node right of the one before.
+    void putListOfSiblings(std::size_t count) {
+        const RawCache::NodeOffset record = raw.putRecord(1, 0, 0);
+        RawCache::NodeOffset last = raw.putSegments("|000|");
+        raw.segmentAt(last).object = record;
+        for (std::size_t i = 1; i < count; ++i) {
+            const auto digit = [i](std::size_t shift) { return static_cast<char>('0' + (i >> shift) % 64); };
+            RawCache::SegmentNode node = raw.segmentAt(last);
+            node.key = testing_support::segmentValues({digit(12), digit(6), digit(0), '|'}).front();
+            raw.segments.push_back(node);
+            const auto made = static_cast<RawCache::NodeOffset>((raw.segments.size() - 1) * sizeof node);
+            raw.segmentAt(last).right = made;
+            last = made;
+        }
+    }
+
     RawCache raw{makeFolder(published("raw"))};
 
 private:
@@ -147,6 +166,26 @@ TEST_F(RbacCacheRawListingsTest, TellsSiblingsWithACommonBeginningApart) {
               "|-- longer  inherits\n"
               "|   `-- x  inherits\n"
               "`-- long  inherits\n");
+}
+
+TEST_F(RbacCacheRawListingsTest, DrawsManySiblingsWhoseTreeIsAList) {
+    constexpr std::size_t SIBLINGS = 200000;
+    putListOfSiblings(SIBLINGS);
+    EXPECT_EQ(runRaw({"tree", "--depth", "0"}), (CommandRun{0, "|  not in the cache\n", ""}));
+    const CommandRun drawn = runRaw({"tree"});
+    EXPECT_EQ(drawn.status, 0);
+    const std::vector<std::string> lines = linesOf(drawn.out);
+    ASSERT_EQ(lines.size(), SIBLINGS + 1);
+    EXPECT_EQ(lines[1], "|-- 000  inherits");
+    EXPECT_EQ(lines[SIBLINGS - 1], "|-- `dn  inherits");
+    EXPECT_EQ(lines[SIBLINGS], "`-- `do  inherits");
+}
+
+TEST_F(RbacCacheRawListingsTest, DrawsAVeryLongName) {
+    const std::string name(400000, 'A');
+    raw.put("|" + name + "|", 1);
+    EXPECT_EQ(runRaw({"tree", "--depth", "0"}), (CommandRun{0, "|  not in the cache\n", ""}));
+    EXPECT_EQ(runRaw({"tree"}), (CommandRun{0, "|  not in the cache\n`-- " + name + "  inherits\n", ""}));
 }
 
 TEST_F(RbacCacheRawListingsTest, ShowsNoControlCharactersOfADamagedCache) {

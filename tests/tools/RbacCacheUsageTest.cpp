@@ -40,6 +40,11 @@ protected:
         EXPECT_THAT(result.err, StartsWith("rbac-cache: " + message));
     }
 
+    /// That the cache is damaged, with this as the first fault.
+    void expectDamaged(const std::vector<std::string>& words, const std::string& fault) const {
+        expectUnusable(words, cache() + " is damaged: " + fault + ". All faults: rbac-cache verify --cache " + cache());
+    }
+
     /// That the cache, or something else, cannot be used.
     void expectUnusable(const std::vector<std::string>& words, const std::string& message) const {
         EXPECT_EQ(run(words), (CommandRun{3, "", "rbac-cache: " + message + "\n"}));
@@ -88,37 +93,88 @@ TEST_F(RbacCacheUsageTest, ShowsItsVersion) {
     EXPECT_EQ(runProgram({RBAC_CACHE, "--version"}), (CommandRun{0, "rbac-cache 1.0.0\n", ""}));
 }
 
+TEST_F(RbacCacheUsageTest, TakesOptionsBeforeTheArguments) {
+    const auto answer = [this](const std::vector<std::string>& words) {
+        return runProgram(
+            with({RBAC_CACHE}, with({words.front(), "--cache", cache()}, {words.begin() + 1, words.end()})));
+    };
+    const CommandRun allowed{0, "allowed\n", ""};
+    EXPECT_EQ(answer({"check", "--roles", "5", "VIEW", "|ASSETS|"}), allowed);
+    EXPECT_EQ(answer({"check", "--roles", "11,5", "VIEW", "|ASSETS|"}), allowed);
+    EXPECT_EQ(answer({"check", "--roles", "11", "VIEW", "--roles", "5", "|ASSETS|"}), allowed);
+    EXPECT_EQ(answer({"check", "--roles=11,5", "VIEW", "|ASSETS|"}), allowed);
+    EXPECT_EQ(answer({"what-can", "--roles", "5", "|ASSETS|"}), (CommandRun{0, "ADD\nVIEW\n", ""}));
+    EXPECT_EQ(answer({"list", "--roles", "5,9", "UPDATE", "|ASSETS|web|"}),
+              (CommandRun{0, "|ASSETS|web|eu|a%2F|\n", ""}));
+    EXPECT_EQ(answer({"list", "UPDATE", "--roles", "5,9", "|ASSETS|web|"}),
+              (CommandRun{0, "|ASSETS|web|eu|a%2F|\n", ""}));
+}
+
 TEST_F(RbacCacheUsageTest, RefusesWhatIsNoCache) {
+    const auto refusal = [](const std::string& message) { return CommandRun{3, "", "rbac-cache: " + message + "\n"}; };
+    const auto list = [](const std::string& path) { return runProgram({RBAC_CACHE, "ls", "--cache", path}); };
     const std::string folder = directory_ / "published";
-    EXPECT_EQ(runProgram({RBAC_CACHE, "ls", "--cache", folder}),
-              (CommandRun{3, "", "rbac-cache: " + folder + " is no access cache: there is no manifest.json in it\n"}));
+    EXPECT_EQ(list(folder), refusal(folder + " is no access cache: none of the files of one is in it"));
+    const std::string missing = directory_ / "none";
+    EXPECT_EQ(list(missing), refusal("cannot open " + missing + ": No such file or directory"));
+    const std::string file = cache() + "/objects";
+    EXPECT_EQ(list(file), refusal("cannot look into " + file + ": Not a directory"));
 }
 
 TEST_F(RbacCacheUsageTest, RefusesACacheWithoutOneOfItsFiles) {
     std::filesystem::remove(cache() + "/nodes");
-    expectUnusable(CHECK, "cannot open " + cache() + "/nodes: No such file or directory");
+    expectDamaged(CHECK, "nodes, byte 0: cannot be opened: No such file or directory");
+    expectUnusable(with(CHECK, {"--trust"}), "cannot open " + cache() + "/nodes: No such file or directory");
     std::filesystem::create_directory(cache() + "/nodes");
-    expectUnusable(CHECK, cache() + "/nodes is no regular file");
+    expectDamaged(CHECK, "nodes, byte 0: is no regular file");
+    expectUnusable(with(CHECK, {"--trust"}), cache() + "/nodes is no regular file");
 }
 
 TEST_F(RbacCacheUsageTest, RefusesACacheWithADamagedManifest) {
     writeFile(cache() + "/manifest.json", "{");
-    expectUnusable(CHECK, cache() + ": a file cannot be opened or is not valid (status 12): Error loading " + cache() +
-                              "/manifest.json at position 1: string or '}' expected near end of file");
+    expectDamaged(CHECK, "manifest.json, byte 0: is no JSON object with a text \"namespace\"");
+    expectUnusable(with(CHECK, {"--trust"}),
+                   cache() + ": a file cannot be opened or is not valid (status 12): Error loading " + cache() +
+                       "/manifest.json at position 1: string or '}' expected near end of file");
     writeFile(cache() + "/manifest.json", R"({"namespace": "ASSETS"})");
-    expectUnusable(CHECK, cache() + "/manifest.json names no namespace");
+    expectDamaged(CHECK, "manifest.json, byte 0: its \"namespace\" is not the text of one");
+    expectUnusable(with(CHECK, {"--trust"}), cache() + "/manifest.json names no namespace");
+}
+
+TEST_F(RbacCacheUsageTest, ReadsNoManifestThatCannotBeOne) {
+    const std::string manifest = cache() + "/manifest.json";
+    std::filesystem::resize_file(manifest, (16U << 20U) + 1);
+    expectDamaged(CHECK, "manifest.json, byte 0: has 16777217 bytes, and none needs more than 16777216");
+    expectUnusable(with(CHECK, {"--trust"}), manifest + " has 16777217 bytes, and none needs more than 16777216");
+    std::filesystem::remove(manifest);
+    expectDamaged(CHECK, "manifest.json, byte 0: cannot be opened: No such file or directory");
+    expectUnusable(with(CHECK, {"--trust"}), "cannot open " + manifest + ": No such file or directory");
+    ASSERT_EQ(mkfifo(manifest.c_str(), 0600), 0);
+    // Reading a fifo that nobody writes to would not end.
+    const auto withinSeconds = [this](const std::vector<std::string>& words) {
+        return runProgram(with({"timeout", "20", RBAC_CACHE}, with(words, {"--cache", cache()})));
+    };
+    EXPECT_EQ(withinSeconds(CHECK),
+              (CommandRun{3, "",
+                          "rbac-cache: " + cache() +
+                              " is damaged: manifest.json, byte 0: is no regular file. All faults: rbac-cache verify "
+                              "--cache " +
+                              cache() + "\n"}));
+    EXPECT_EQ(withinSeconds(with(CHECK, {"--trust"})),
+              (CommandRun{3, "", "rbac-cache: " + manifest + " is no regular file\n"}));
 }
 
 TEST_F(RbacCacheUsageTest, RefusesACacheWhoseWriterWasInterrupted) {
     std::string metadata = testing_support::readFile(cache() + "/metadata");
     metadata[20] = 1;
     testing_support::overwriteFile(cache() + "/metadata", metadata);
-    const std::string message = cache() +
-                                ": a file cannot be opened or is not valid (status 12): A previous write on cache | "
-                                "was interrupted. Assuming invalid.";
-    expectUnusable(CHECK, message);
-    expectUnusable(with(CHECK, {"--trust"}), message);
-    expectUnusable({"ls"}, message);
+    const std::string fault = "metadata, byte 20: the writing flag is 1: a publication was interrupted";
+    expectDamaged(CHECK, fault);
+    expectDamaged({"ls"}, fault);
+    expectUnusable(with(CHECK, {"--trust"}),
+                   cache() +
+                       ": a file cannot be opened or is not valid (status 12): A previous write on cache | was "
+                       "interrupted. Assuming invalid.");
 }
 
 TEST_F(RbacCacheUsageTest, FindsTheOperationsInTheCachesFolderOrAboveIt) {
@@ -258,6 +314,32 @@ TEST_F(RbacCacheLongOutputTest, LetsTheServicePublishWhileNobodyReadsItsOutput) 
               "|ASSETS|an+object+with+a+long+name+5000|  inherits\n"
               "|ASSETS|an+object+with+a+long+name+5001|  inherits\n"
               "|ASSETS|an+object+with+a+long+name+500");
+}
+
+TEST_F(RbacCacheLongOutputTest, HoldsItsOutputBackInTmpWhereTheEnvironmentNamesNoFolder) {
+    std::array<int, 2> ends{};
+    ASSERT_EQ(pipe(ends.data()), 0);
+    const ChildProcess child([&] {
+        dup2(ends[1], STDOUT_FILENO);
+        close(ends[0]);
+        close(ends[1]);
+        setenv("TMPDIR", "", 1);
+        execl(RBAC_CACHE, RBAC_CACHE, "ls", "--cache", cache().c_str(), nullptr);
+        return 127;
+    });
+    close(ends[1]);
+    char first = 0;
+    ASSERT_EQ(read(ends[0], &first, 1), 1);  // it has begun to print, and cannot end
+    std::vector<std::string> held;
+    const std::string descriptors = "/proc/" + std::to_string(child.pid()) + "/fd";
+    for (const auto& entry : std::filesystem::directory_iterator(descriptors)) {
+        const std::string target = std::filesystem::read_symlink(entry.path());
+        if (target.find("/rbac-cache.") != std::string::npos) {
+            held.push_back(target);
+        }
+    }
+    close(ends[0]);
+    EXPECT_THAT(held, testing::ElementsAre(StartsWith("/tmp/rbac-cache.")));
 }
 
 TEST_F(RbacCacheLongOutputTest, SaysThatItCannotHoldItsOutputBack) {
