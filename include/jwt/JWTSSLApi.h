@@ -35,7 +35,8 @@ public:
 
     /// Makes a key from the PEM text of an RSA public key ("PUBLIC KEY").
     ///
-    /// @param key the caller releases it with EVP_PKEY_free(); untouched on failure.
+    /// @param key the caller releases it with EVP_PKEY_free(). Untouched where the text holds no key, null where memory
+    /// runs out after that.
     /// @return 0, or 8007.
     static int getEVPPublicKey(const std::string& pem, EVP_PKEY*& key);
 

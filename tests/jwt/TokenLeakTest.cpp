@@ -36,6 +36,9 @@ using testing_support::signedToken;
 
 namespace {
 
+constexpr int NULLED = -1;
+constexpr int UNTOUCHED = -2;
+
 std::atomic<long> held{0};
 thread_local long untilFailure = -1;  // negative: none fails
 
@@ -242,6 +245,25 @@ TEST_F(TokenLeakTest, NothingIsLeftOfMakingAKeyWithoutMemory) {
         UnorderedElementsAre(Ending{8007, {"CSSLApi::getEVPPublicKey: Could not create bio memory for public key"}},
                              Ending{8007, {"CSSLApi::getEVPPublicKey: Could not read public key"}},
                              Ending{8007, {"CSSLApi::getEVPPublicKey: Could not create EVP object"}}));
+}
+
+TEST_F(TokenLeakTest, WithoutMemoryForTheKeyItselfTheCallersPointerIsNull) {
+    const std::string pem = hostKey().publicPem();
+    EVP_PKEY* const others = EVP_PKEY_new();
+    EXPECT_THAT(endingsWithoutMemory([&] {
+                    EVP_PKEY* key = others;
+                    const int status = JWTSSLApi::getEVPPublicKey(pem, key);
+                    if (status == 0) {
+                        EVP_PKEY_free(key);
+                        return 0;
+                    }
+                    return key == nullptr ? NULLED : key == others ? UNTOUCHED : status;
+                }),
+                UnorderedElementsAre(
+                    Ending{UNTOUCHED, {"CSSLApi::getEVPPublicKey: Could not create bio memory for public key"}},
+                    Ending{UNTOUCHED, {"CSSLApi::getEVPPublicKey: Could not read public key"}},
+                    Ending{NULLED, {"CSSLApi::getEVPPublicKey: Could not create EVP object"}}));
+    EVP_PKEY_free(others);
 }
 
 TEST_F(TokenLeakTest, NothingIsLeftOfVerifyingWithoutMemory) {
