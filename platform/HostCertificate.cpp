@@ -1,16 +1,13 @@
 #include "platform/HostCertificate.h"
 
-#include "platform/Handles.h"
 #include "platform/HttpRequest.h"
+#include "platform/PemText.h"
 
 #include <platform/Status.h>
 
 #include <openssl/err.h>
 #include <openssl/pem.h>
 #include <openssl/ssl.h>
-
-#include <cerrno>
-#include <system_error>
 
 namespace platform_detail {
 
@@ -42,42 +39,33 @@ struct KeyRelease {
 };
 using KeyPointer = std::unique_ptr<EVP_PKEY, KeyRelease>;
 
-FilePointer openOrThrow(const std::string& path) {
-    FilePointer file = openToRead(path);
-    if (!file) {
-        throw HttpFailure{platform_status::HTTP_CLIENT_CERTIFICATE_UNUSABLE,
-                          path + ": " + std::generic_category().message(errno)};
-    }
-    return file;
-}
-
 /// Reads the host's certificate and, behind it, those of its issuers.
-void useChain(SSL_CTX* context, const std::string& path) {
-    const FilePointer file = openOrThrow(path);
-    const CertificatePointer own(PEM_read_X509_AUX(file.get(), nullptr, noPassword, nullptr));
-    require(own != nullptr && SSL_CTX_use_certificate(context, own.get()) == 1, path);
-    while (CertificatePointer issuer{PEM_read_X509(file.get(), nullptr, noPassword, nullptr)}) {
-        require(SSL_CTX_add1_chain_cert(context, issuer.get()) == 1, path);
+void useChain(SSL_CTX* context, const PemFile& file) {
+    const BioPointer text = readable(file.text);
+    const CertificatePointer own(text ? PEM_read_bio_X509_AUX(text.get(), nullptr, noPassword, nullptr) : nullptr);
+    require(own != nullptr && SSL_CTX_use_certificate(context, own.get()) == 1, file.path);
+    while (CertificatePointer issuer{PEM_read_bio_X509(text.get(), nullptr, noPassword, nullptr)}) {
+        require(SSL_CTX_add1_chain_cert(context, issuer.get()) == 1, file.path);
     }
     const unsigned long end = ERR_peek_last_error();
-    require(ERR_GET_LIB(end) == ERR_LIB_PEM && ERR_GET_REASON(end) == PEM_R_NO_START_LINE, path);
+    require(ERR_GET_LIB(end) == ERR_LIB_PEM && ERR_GET_REASON(end) == PEM_R_NO_START_LINE, file.path);
     ERR_clear_error();
 }
 
-void useKey(SSL_CTX* context, const std::string& path) {
-    const FilePointer file = openOrThrow(path);
-    const KeyPointer key(PEM_read_PrivateKey(file.get(), nullptr, noPassword, nullptr));
-    require(key != nullptr && SSL_CTX_use_PrivateKey(context, key.get()) == 1, path);
+void useKey(SSL_CTX* context, const PemFile& file) {
+    const BioPointer text = readable(file.text);
+    const KeyPointer key(text ? PEM_read_bio_PrivateKey(text.get(), nullptr, noPassword, nullptr) : nullptr);
+    require(key != nullptr && SSL_CTX_use_PrivateKey(context, key.get()) == 1, file.path);
 }
 
 }  // namespace
 
-HostCertificate::HostCertificate(const std::string& certificateFile, const std::string& keyFile)
+HostCertificate::HostCertificate(const PemFile& certificate, const PemFile& key)
     : loaded_(SSL_CTX_new(TLS_client_method()), SSL_CTX_free) {
-    require(loaded_ != nullptr, certificateFile);
+    require(loaded_ != nullptr, certificate.path);
     ERR_clear_error();  // what is found there later is to be of these files
-    useChain(loaded_.get(), certificateFile);
-    useKey(loaded_.get(), keyFile);
+    useChain(loaded_.get(), certificate);
+    useKey(loaded_.get(), key);
 }
 
 bool HostCertificate::giveTo(SSL_CTX* context) const {

@@ -1,10 +1,10 @@
 #include "platform/HttpUpload.h"
 
 #include "platform/HttpRequest.h"
+#include "platform/WholeFile.h"
 
 #include <platform/Status.h>
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -22,9 +22,7 @@ namespace {
 
 }  // namespace
 
-// Not waiting: a named pipe in the file's place must not hold up the caller.
-HttpUpload::HttpUpload(const std::string& path)
-    : path_(path), file_(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY)) {
+HttpUpload::HttpUpload(const std::string& path) : path_(path), file_(openWithoutWaiting(path)) {
     if (path.find('\0') != std::string::npos) {
         unreadable(path, "the name holds a NUL");
     }

@@ -2,10 +2,10 @@
 
 #include "InstallationPaths.h"
 #include "platform/Handles.h"
+#include "platform/WholeFile.h"
 
 #include <platform/Status.h>
 
-#include <fcntl.h>
 #include <pthread.h>
 #include <sys/stat.h>
 
@@ -160,21 +160,6 @@ bool isEarlier(const timespec& a, const timespec& b) {
     return std::tie(a.tv_sec, a.tv_nsec) < std::tie(b.tv_sec, b.tv_nsec);
 }
 
-std::string readAll(const Descriptor& file) {
-    std::string text;
-    char chunk[4096];
-    for (;;) {
-        const ssize_t count = read(file.get(), chunk, sizeof chunk);
-        if (count > 0) {
-            text.append(chunk, static_cast<std::size_t>(count));
-        } else if (count == 0) {
-            return text;
-        } else if (errno != EINTR) {
-            unreadable(errno);
-        }
-    }
-}
-
 /// The settings file's last state.
 class SettingsFile {
 public:
@@ -215,8 +200,7 @@ private:
 
     /// @param stamp set if any later change of the file will show in its stamp.
     static std::string readFile(const char* path, std::optional<Stamp>& stamp) {
-        // Not waiting: a named pipe in the file's place must not hold up the process.
-        const Descriptor file(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+        const Descriptor file = openWithoutWaiting(path);
         struct stat opened {};
         if (!file.isOpen() || fstat(file.get(), &opened) != 0) {
             unreadable(errno);
@@ -228,7 +212,10 @@ private:
         // without showing it, so it will be read again.
         timespec now{};
         clock_gettime(CLOCK_REALTIME_COARSE, &now);
-        std::string text = readAll(file);
+        std::string text;
+        if (!readAll(file, text)) {
+            unreadable(errno);
+        }
         if (isEarlier(opened.st_mtim, now) && isEarlier(opened.st_ctim, now)) {
             stamp = stampOf(opened);
         }

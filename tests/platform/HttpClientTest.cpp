@@ -320,6 +320,17 @@ TEST_F(HttpClient, SendsNoCookiesBack) {
     EXPECT_EQ("", baking.requests().back().header("Cookie"));
 }
 
+TEST_F(HttpClient, ShowsTheIssuersThatStandBehindTheHostsCertificate) {
+    const testing_support::CertificateAuthority between("an issuer in between", fixture.authority);
+    testing_support::Certificate host = between.issue();
+    host.certificate += between.certificate();
+    fixture.useHostCertificate(host);
+    Server::Options options = fixture.options();
+    options.clientAuthority = fixture.authority.certificate();
+    const Server asking(options, [](Connection& c) { c.answerAll(200, "the answer"); });
+    EXPECT_EQ(0, HttpFixture::client(asking).Get("a"));
+}
+
 TEST_F(HttpClient, UsesNoProxyOfTheEnvironment) {
     const ScopedEnvironment lower("https_proxy", "http://127.0.0.1:1/");
     const ScopedEnvironment upper("HTTPS_PROXY", "http://127.0.0.1:1/");

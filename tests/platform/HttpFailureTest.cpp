@@ -371,6 +371,18 @@ TEST_F(HttpFailure, AnIssuersFileWithoutACertificate) {
     }
 }
 
+TEST_F(HttpFailure, AnEncryptedIssuerIsNotAskedAPasswordFor) {
+    const std::string begin = "-----BEGIN CERTIFICATE-----\n";
+    std::string encrypted = testing_support::readFile(fixture.caFile());
+    ASSERT_EQ(0, encrypted.find(begin));
+    encrypted.insert(begin.size(),
+                     "Proc-Type: 4,ENCRYPTED\nDEK-Info: AES-256-CBC,000102030405060708090A0B0C0D0E0F\n\n");
+    testing_support::writeFile(fixture.caFile(), testing_support::readFile(fixture.caFile()) + encrypted);
+    const Server server(fixture.options(), unreached());
+    expectFailure(server, HTTP_CA_FILE_UNUSABLE);
+    EXPECT_THAT(logged.message, EndsWith(": " + fixture.caFile() + ": a certificate in it is encrypted"));
+}
+
 TEST_F(HttpFailure, ACertificateFileThatIsMissing) {
     unlink(fixture.certFile().c_str());
     const Server server(fixture.options(), unreached());

@@ -82,10 +82,19 @@ std::string joined(const std::vector<std::string>& names) {
 
 CertificateAuthority::CertificateAuthority(const std::string& name, int toDay)
     : key_(freshKey()), certificate_(unsignedCertificate(key_, name, -1000, toDay)) {
-    X509_set_issuer_name(certificate_.get(), X509_get_subject_name(certificate_.get()));
+    signedBy(*this);
+}
+
+CertificateAuthority::CertificateAuthority(const std::string& name, const CertificateAuthority& issuer)
+    : key_(freshKey()), certificate_(unsignedCertificate(key_, name, -1000, 1000)) {
+    signedBy(issuer);
+}
+
+void CertificateAuthority::signedBy(const CertificateAuthority& issuer) {
+    X509_set_issuer_name(certificate_.get(), X509_get_subject_name(issuer.certificate_.get()));
     addExtension(certificate_.get(), NID_basic_constraints, "critical,CA:TRUE");
     addExtension(certificate_.get(), NID_key_usage, "critical,keyCertSign");
-    require(X509_sign(certificate_.get(), key_.get(), EVP_sha256()) > 0);
+    require(X509_sign(certificate_.get(), issuer.key_.get(), EVP_sha256()) > 0);
     pem_ = pemOf(certificate_.get());
 }
 

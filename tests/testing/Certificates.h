@@ -30,12 +30,16 @@ class CertificateAuthority {
 public:
     /// @param toDay until when it is one, in days from now.
     explicit CertificateAuthority(const std::string& name = "test authority", int toDay = 1000);
+    /// One whose own certificate is by another authority.
+    CertificateAuthority(const std::string& name, const CertificateAuthority& issuer);
 
     /// Its own certificate, as the text of a PEM file.
     const std::string& certificate() const { return pem_; }
     Certificate issue(const CertificateRequest& request = {}) const;
 
 private:
+    void signedBy(const CertificateAuthority& issuer);
+
     std::shared_ptr<EVP_PKEY> key_;
     std::shared_ptr<X509> certificate_;
     std::string pem_;

@@ -186,13 +186,14 @@ int workInChild(int outcome, const std::function<std::string()>& work, const Aro
 }
 
 /// Lets one call fail, the one after `allowed` others. Empty: there was none.
-std::string failOne(TracedProcess& child, int allowed, int error) {
+std::string failOne(TracedProcess& child, int allowed, int error, const AroundTheWork& around) {
     child.awaitItsOwnStop();
     std::string failed;
     while (child.runToSystemCall()) {
         const Kind* const kind = kindOf(child.call());
         const std::string file = kind == nullptr ? "" : child.fileOf(*kind);
-        const bool isCounted = kind != nullptr && (kind->file == Names::NO_FILE || !file.empty());
+        const bool isCounted =
+            kind != nullptr && (kind->file == Names::NO_FILE || !file.empty()) && around.concerns(file);
         const bool fails = isCounted && allowed-- == 0;
         if (fails) {
             failed = std::string(kind->name) + (file.empty() ? "" : " " + file);
@@ -231,7 +232,7 @@ std::vector<std::string> failEachSystemCall(int error, const std::function<std::
         ChildProcess child([&] { return workInChild(ends[1], work, around); });
         close(ends[1]);
         TracedProcess traced(child.pid());
-        const std::string failed = failOne(traced, allowed, error);
+        const std::string failed = failOne(traced, allowed, error, around);
         const std::string outcome = readToEnd(ends[0]);
         close(ends[0]);
         const int end = child.wait();

@@ -6,10 +6,12 @@
 
 namespace testing_support {
 
-/// What is done in the same child before and after the work, where no call fails.
+/// What is done in the same child before and after the work, where no call fails, and which calls may fail.
 struct AroundTheWork {
     std::function<void()> before = [] {};
     std::function<std::string()> after = [] { return ""; };  ///< adds this to the outcome
+    /// Whether calls on a file of this name, without its folder, may fail.
+    std::function<bool(const std::string&)> concerns = [](const std::string&) { return true; };
 };
 
 /// Runs `work` again and again, each time in a forked child, in which its first, second, ... system call fails with
