@@ -22,6 +22,12 @@ if(ARKWELL_SANITIZE)
     target_compile_options(arkwell-build-options INTERFACE ${sanitize_flags} -g1)
     target_link_options(arkwell-build-options INTERFACE ${sanitize_flags})
 endif()
+if(ARKWELL_COVERAGE)
+    target_compile_options(arkwell-build-options
+        INTERFACE "$<$<NOT:$<BOOL:$<TARGET_PROPERTY:ARKWELL_TEST>>>:--coverage;-fprofile-update=atomic>")
+    target_compile_definitions(arkwell-build-options INTERFACE ARKWELL_COVERAGE)
+    target_link_options(arkwell-build-options INTERFACE --coverage)
+endif()
 # The tests' own code is not optimised and has only what backtraces need: the compiler would take up to three times as
 # long over it, and what is tested is optimised in any case.
 target_compile_options(arkwell-build-options INTERFACE "$<$<BOOL:$<TARGET_PROPERTY:ARKWELL_TEST>>:-O0;-g1>")

@@ -16,7 +16,7 @@ public:
     Handle() = default;
     explicit Handle(SQLHANDLE parent) {
         if (!SQL_SUCCEEDED(SQLAllocHandle(TYPE, parent, &handle_))) {
-            handle_ = SQL_NULL_HANDLE;
+            handle_ = SQL_NULL_HANDLE;  // GCOVR_EXCL_LINE: the driver manager has no memory
         }
     }
     Handle(Handle&& other) noexcept : handle_(other.release()) {}

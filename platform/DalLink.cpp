@@ -38,9 +38,11 @@ Link::Attempt Link::open(std::shared_ptr<EnvironmentHandle> environment,
     auto session = std::make_shared<Session>(std::move(environment), std::move(settings), limits);
     worker = Worker::start(session);
     if (worker == nullptr) {
+        // GCOVR_EXCL_START: the system has no thread left for the process.
         attempt.status = platform_status::DATABASE_UNREACHABLE;
         attempt.problem = "no thread can be started";
         return attempt;
+        // GCOVR_EXCL_STOP
     }
     Session* const connecting = session.get();
     if (!worker->run([connecting] { connecting->connect(); }, Deadline::afterSeconds(limits.loginSeconds, GRACE))) {

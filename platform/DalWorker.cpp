@@ -39,7 +39,7 @@ std::unique_ptr<Worker> Worker::start(std::shared_ptr<void> kept) {
     try {
         worker->thread_ = std::thread([shared] { loop(shared); });
     } catch (const std::system_error&) {
-        return nullptr;
+        return nullptr;  // GCOVR_EXCL_LINE: the system has no thread left for the process
     }
     shared->kept = std::move(kept);
     return worker;

@@ -54,7 +54,7 @@ void HttpPool::begin() {
         return;
     }
     if (curl_global_init(CURL_GLOBAL_DEFAULT) != CURLE_OK) {
-        throw HttpFailure{platform_status::HTTP_FAILED, "libcurl cannot be started"};
+        throw HttpFailure{platform_status::HTTP_FAILED, "libcurl cannot be started"};  // GCOVR_EXCL_LINE: no memory
     }
     begun_ = true;
     // Handlers run in the reverse order of their registration: before that of OpenSSL, which libcurl has just started.

@@ -122,7 +122,7 @@ void lock(const std::string& path, std::optional<FileLockGuard>& guard) {
                       FileLock::DEFAULT_INTERVAL);
     } catch (const EC_exception& failure) {
         if (failure.status != platform_status::LOCK_UNAVAILABLE) {
-            throw;
+            throw;  // GCOVR_EXCL_LINE: no other is thrown without a limit
         }
     }
 }

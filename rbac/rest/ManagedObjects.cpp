@@ -142,8 +142,10 @@ AccessDefinition::AccessDefinition(const json_t* resource) {
     }
     // The format asks for the id already, so that a definition without one has failed above.
     if (idText == nullptr) {
+        // GCOVR_EXCL_START
         logmsg(16, DEFINITION_TAG, "Missing 'id' value");
         throw EC_exception(DOCUMENT_UNEXPECTED);
+        // GCOVR_EXCL_STOP
     }
     id = idText;
     propagation = boost::lexical_cast<Propagation>(propagationText);

@@ -97,8 +97,10 @@ Role::Role(const json_t* resource) {
     }
     // The format asks for the id already, so that a role without one has failed above.
     if (idText == nullptr) {
+        // GCOVR_EXCL_START
         logmsg(16, ROLE_TAG, "Missing 'id' value");
         throw EC_exception(DOCUMENT_UNEXPECTED);
+        // GCOVR_EXCL_STOP
     }
     id = parseRoleId(idText);
     name = nameText;

@@ -238,7 +238,8 @@ TEST_P(DalTest, TheLimitsOfAnIntegerAreFetched) {
 }
 
 TEST_P(DalTest, AnIntegerOutOfRangeIsUnusable) {
-    for (const char* number : {"2147483648", "-2147483649", "9223372036854775807"}) {
+    for (const char* number :
+         {"2147483648", "-2147483649", "9223372036854775807", "'0000000000000000000000000000000000000017'"}) {
         Client client(*manager);
         ASSERT_EQ(client.execute("SELECT 'x', " + std::string(number)), 0);
         TwoColumns row;

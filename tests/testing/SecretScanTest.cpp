@@ -33,6 +33,7 @@ TEST(SecretScanTest, FindsPrivateKeys) {
 TEST(SecretScanTest, FindsTheCredentialsOfAConnection) {
     EXPECT_TRUE(holdsSecret("cannot connect to Driver=x;UID=me;PWD=secret;"));
     EXPECT_TRUE(holdsSecret("cannot connect to Driver=x;pwd={a;b}"));
+    EXPECT_TRUE(holdsSecret("cannot connect to Driver=x;Password=secret"));
 }
 
 TEST(SecretScanTest, LooksThroughALongLine) {

@@ -276,6 +276,13 @@ TEST_F(WhatWouldAllow, NamesAllNamespacesThatStopIt) {
               "  |A|B|C| and |A|B| inherited: beyond that it is granted to role 5\n");
 }
 
+TEST_F(WhatWouldAllow, IsNothingForAnOperationThatIsNotKnown) {
+    files.put("|A|", 0, viewFor({7}));
+    AccessExplanation explanation = explain({5}, {"A"});
+    explanation.operation = "|OPERATIONS|UNHEARD_OF|";
+    EXPECT_TRUE(whatWouldAllow(client(), explanation).empty());
+}
+
 TEST_F(WhatWouldAllow, AsksTheCacheAnew) {
     files.put("|A|", 0, viewFor({7}));
     const AccessExplanation explanation = explain({5}, {"A"});
