@@ -21,7 +21,6 @@
 #include <jansson.h>
 
 #include <exception>
-#include <functional>
 #include <iostream>
 #include <list>
 #include <map>
@@ -33,6 +32,8 @@ namespace {
 
 using namespace Tesmor::Arkwell::Rbac;
 using Words = std::vector<std::string>;
+
+constexpr char USAGE[] = "usage: administer_access roles|create-role|delete-role|show|grant|revoke|inherit ...";
 
 ObjectNamespace parseNamespace(const std::string& text) {
     try {
@@ -46,16 +47,12 @@ Role findRole(const std::string& name) {
     // In a filter, a quote within the text is written twice.
     const std::list<Role> roles =
         RoleAPI().get_roles("name eq '" + boost::algorithm::replace_all_copy(name, "'", "''") + "'");
-    if (roles.empty()) {
-        throw std::invalid_argument("there is no role of the name " + name);
-    }
-    return roles.front();
+    return !roles.empty() ? roles.front() : throw std::invalid_argument("there is no role of the name " + name);
 }
 
 void listRoles(const Words& words) {
     for (const Role& role : RoleAPI().get_roles(words.empty() ? "" : words[0])) {
-        std::cout << role.id << "\t" << role.name << "\t" << role.description
-                  << (role.systemDefined ? "\t(defined by the system)" : "") << "\n";
+        std::cout << role.id << "\t" << role.name << "\t" << role.description << "\n";
     }
 }
 
@@ -106,35 +103,32 @@ void revoke(const Words& words) {
 
 void switchInheritance(const Words& words) {
     if (words[1] != "on" && words[1] != "off") {
-        throw std::invalid_argument("inherit takes on or off, not " + words[1]);
+        throw std::invalid_argument(USAGE);
     }
     ManagedObjectAPI().set_inherit(parseNamespace(words[0]), words[1] == "on");
 }
 
 struct Command {
-    std::size_t leastWords;
+    std::size_t leastWords;  // the command's own name included
     std::size_t mostWords;
-    std::function<void(const Words&)> run;
+    void (*run)(const Words&);
 };
 
-const std::map<std::string, Command> COMMANDS{{"roles", {0, 1, listRoles}},
-                                              {"create-role", {1, 2, createRole}},
-                                              {"delete-role", {1, 1, deleteRole}},
-                                              {"show", {1, 1, show}},
-                                              {"grant", {3, 4, grant}},
-                                              {"revoke", {2, 2, revoke}},
-                                              {"inherit", {2, 2, switchInheritance}}};
+const std::map<std::string, Command> COMMANDS{{"roles", {1, 2, listRoles}},
+                                              {"create-role", {2, 3, createRole}},
+                                              {"delete-role", {2, 2, deleteRole}},
+                                              {"show", {2, 2, show}},
+                                              {"grant", {4, 5, grant}},
+                                              {"revoke", {3, 3, revoke}},
+                                              {"inherit", {3, 3, switchInheritance}}};
 
 void run(Words words) {
     const auto command = words.empty() ? COMMANDS.end() : COMMANDS.find(words[0]);
-    if (command == COMMANDS.end()) {
-        throw std::invalid_argument(
-            "usage: administer_access roles|create-role|delete-role|show|grant|revoke|inherit ...");
+    if (command == COMMANDS.end() || words.size() < command->second.leastWords ||
+        words.size() > command->second.mostWords) {
+        throw std::invalid_argument(USAGE);
     }
     words.erase(words.begin());
-    if (words.size() < command->second.leastWords || words.size() > command->second.mostWords) {
-        throw std::invalid_argument("wrong number of arguments for " + command->first);
-    }
     command->second.run(words);
 }
 
@@ -143,12 +137,11 @@ void run(Words words) {
 int main(int argc, char** argv) {
     try {
         run({argv + 1, argv + argc});
+        return 0;
     } catch (const EC_exception& failure) {
         std::cerr << "administer_access: status " << failure.status << ": " << failure.what() << "\n";
-        return 1;
     } catch (const std::exception& failure) {
         std::cerr << "administer_access: " << failure.what() << "\n";
-        return 1;
     }
-    return 0;
+    return 1;
 }

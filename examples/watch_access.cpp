@@ -1,27 +1,28 @@
-// A server program: it gets its client from the access-control service, checkers from session tokens, and answers,
-// again and again while somebody else changes the access.
+// A server program: it gets its client from the access-control service, checkers from session tokens, and answers.
 //
-//     watch_access WATCHED_PATH TOKENS_FILE [--turns N] [--path PATH]...
+//     watch_access TOKENS_FILE TURNS OBJECT...
 //
-// The tokens file has a line "NAME TOKEN" for each user. Prints a table of users, paths and operations, then checks
-// whether the first user may view WATCHED_PATH until the answer has turned N times, then prints the table again and how
-// fast it was.
+// The tokens file has a line "NAME TOKEN" for each user, and an OBJECT is a namespace such as "|ASSETS|db|". Prints a
+// table of objects, users and operations, checks whether the first user may view the first object until the answer has
+// turned TURNS times, prints the table again, and says how fast all that is.
 
-#include "sandbox/TreeImport.h"
+#include "Users.h"
 
 #include <platform/Dal.h>
-#include <platform/Status.h>
 #include <rbac/AccessControlClient.h>
 #include <rbac/EC_exception.h>
 
+#include <boost/lexical_cast.hpp>
 #include <boost/shared_ptr.hpp>
 
+#include <algorithm>
 #include <chrono>
 #include <exception>
-#include <fstream>
 #include <iomanip>
 #include <iostream>
+#include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -32,99 +33,63 @@ namespace operations = root_namespaces::operations;
 
 constexpr std::chrono::seconds LONGEST_WAIT{60};
 
-struct User {
-    std::string name;
-    std::string sessionToken;
-};
-
-struct Arguments {
-    std::string watched;
-    int turns;
-    std::vector<User> users;
-    std::vector<std::string> paths;
-};
+double secondsSince(Clock::time_point begin) {
+    return std::chrono::duration<double>(Clock::now() - begin).count();
+}
 
 /// The client with the connections that sessions are looked up over: both are made once in a program.
-struct Enforcement {
-    AccessControlClient& client;
-    Tesmor::Dal::DbConnectionManager& database;
-};
-
-std::vector<User> readUsers(const std::string& path) {
-    std::vector<User> users;
-    std::ifstream file(path);
-    for (User user; file >> user.name >> user.sessionToken;) {
-        users.push_back(user);
-    }
-    if (users.empty()) {
-        throw std::runtime_error("no users in " + path);
-    }
-    return users;
-}
-
-Arguments parseArguments(const std::vector<std::string>& words) {
-    if (words.size() < 2) {
-        throw std::invalid_argument("usage: watch_access WATCHED_PATH TOKENS_FILE [--turns N] [--path PATH]...");
-    }
-    Arguments arguments{words[0], 1, readUsers(words[1]), {}};
-    for (std::size_t i = 2; i + 1 < words.size(); i += 2) {
-        if (words[i] == "--path") {
-            arguments.paths.push_back(words[i + 1]);
-        } else if (words[i] == "--turns") {
-            arguments.turns = std::stoi(words[i + 1]);
-        } else {
-            throw std::invalid_argument("unknown option " + words[i]);
+class Enforcement {
+public:
+    Enforcement() {
+        if (const int status = AccessControlClient::create(ObjectNamespace(), client_); status != 0) {
+            throw EC_exception(status);
         }
     }
-    return arguments;
-}
 
-/// @return 0, or why the user gets no checker.
-int makeChecker(const Enforcement& enforcement, const User& user, const ObjectNamespace& operation,
-                boost::shared_ptr<const AccessChecker>& checker) {
-    const int status =
-        enforcement.client.createAccessChecker(&enforcement.database, user.sessionToken, operation, 0, checker);
-    if (status == 0 && !checker) {
-        throw std::bad_alloc();
+    /// @throws EC_exception: why the user gets no checker.
+    boost::shared_ptr<const AccessChecker> checkerFor(const User& user, const ObjectNamespace& operation) {
+        boost::shared_ptr<const AccessChecker> checker;
+        const int status = client_->createAccessChecker(&database_, user.sessionToken, operation, 0, checker);
+        if (status != 0 || !checker) {
+            throw EC_exception(status != 0 ? status : OUT_OF_MEMORY);
+        }
+        return checker;
     }
-    return status;
-}
 
-boost::shared_ptr<const AccessChecker> requireChecker(const Enforcement& enforcement, const User& user,
-                                                      const ObjectNamespace& operation) {
-    boost::shared_ptr<const AccessChecker> checker;
-    if (const int status = makeChecker(enforcement, user, operation, checker); status != 0) {
-        throw EC_exception(status);
-    }
-    return checker;
-}
+private:
+    static constexpr int OUT_OF_MEMORY = 36;
+
+    boost::shared_ptr<AccessControlClient> client_;
+    Tesmor::Dal::DbConnectionManager database_{1, 2, 0, 1, 30, 15, 40, Tesmor::Dal::USERID_AUTHORIZATION, false};
+};
 
 /// What the user may do to the object, in words, or why the user is not let in.
-std::string describe(const Enforcement& enforcement, const User& user, const ObjectNamespace& object) {
+std::string describe(Enforcement& enforcement, const User& user, const ObjectNamespace& object) {
     const std::vector<std::pair<std::string, const ObjectNamespace*>> asked{
         {"VIEW", &operations::VIEW}, {"UPDATE", &operations::UPDATE}, {"DELETE", &operations::DELETE_NS}};
     std::string text;
-    for (const auto& [name, operation] : asked) {
-        boost::shared_ptr<const AccessChecker> checker;
-        if (const int status = makeChecker(enforcement, user, *operation, checker); status != 0) {
-            return "refused with status " + std::to_string(status) + ": " + getECmsg(status);
+    try {
+        for (const auto& [name, operation] : asked) {
+            const bool allowed = enforcement.checkerFor(user, *operation)->checkAccess(object);
+            text += (text.empty() ? "" : " ") + (allowed ? name : std::string(name.size(), '-'));
         }
-        text += (text.empty() ? "" : " ") + (checker->checkAccess(object) ? name : std::string(name.size(), '-'));
+    } catch (const EC_exception& failure) {
+        return "refused with status " + std::to_string(failure.status) + ": " + failure.what();
     }
     return text;
 }
 
-void printTable(const Enforcement& enforcement, const Arguments& arguments) {
-    for (const std::string& path : arguments.paths) {
-        std::cout << path << "\n";
-        for (const User& user : arguments.users) {
-            std::cout << "    " << std::left << std::setw(12) << user.name << " "
-                      << describe(enforcement, user, Tesmor::Arkwell::Sandbox::namespaceOfPath(path)) << "\n";
+void printTable(Enforcement& enforcement, const std::vector<User>& users, const std::vector<ObjectNamespace>& objects) {
+    for (const ObjectNamespace& object : objects) {
+        std::cout << object << "\n";
+        for (const User& user : users) {
+            std::cout << "    " << std::left << std::setw(12) << user.name << " " << describe(enforcement, user, object)
+                      << "\n";
         }
     }
 }
 
-/// Checks until the answer turns. Prints how many checks that took.
+/// Checks until the answer turns. Prints how fast that went.
 void awaitTurn(const AccessChecker& checker, const ObjectNamespace& object) {
     const bool before = checker.checkAccess(object);
     std::cout << (before ? "yes" : "no") << ". Checking on ..." << std::endl;
@@ -136,68 +101,49 @@ void awaitTurn(const AccessChecker& checker, const ObjectNamespace& object) {
             throw std::runtime_error("the answer has not turned");
         }
     }
-    const auto took = std::chrono::duration<double>(Clock::now() - begin).count();
-    std::cout << "After " << checks << " checks in " << std::fixed << std::setprecision(2) << took
+    std::cout << "After " << checks << " checks in " << std::fixed << std::setprecision(2) << secondsSince(begin)
               << " s the same checker says: ";
 }
 
-void watch(const Enforcement& enforcement, const Arguments& arguments) {
-    const User& user = arguments.users.front();
-    const auto checker = requireChecker(enforcement, user, operations::VIEW);
-    const ObjectNamespace object = Tesmor::Arkwell::Sandbox::namespaceOfPath(arguments.watched);
-    std::cout << "\nMay " << user.name << " VIEW " << arguments.watched << "? ";
-    for (int turn = 0; turn < arguments.turns; ++turn) {
+void watch(Enforcement& enforcement, const User& user, const ObjectNamespace& object, int turns) {
+    const auto checker = enforcement.checkerFor(user, operations::VIEW);
+    std::cout << "\nMay " << user.name << " VIEW " << object << "? ";
+    for (int turn = 0; turn < turns; ++turn) {
         awaitTurn(*checker, object);
     }
-    std::cout << (checker->checkAccess(object) ? "yes" : "no") << "\n";
+    std::cout << (checker->checkAccess(object) ? "yes" : "no") << "\n\n";
 }
 
-double checksPerSecond(const Enforcement& enforcement, const Arguments& arguments) {
-    const auto checker = requireChecker(enforcement, arguments.users.front(), operations::VIEW);
-    std::vector<ObjectNamespace> objects;
-    for (const std::string& path : arguments.paths) {
-        objects.push_back(Tesmor::Arkwell::Sandbox::namespaceOfPath(path));
-        objects.back().str();
-    }
-    constexpr std::size_t CHECKS = 500'000;
+double checksPerSecond(const AccessChecker& checker, const ObjectNamespace& object) {
+    constexpr int CHECKS = 200'000;
     const Clock::time_point begin = Clock::now();
-    for (std::size_t i = 0; i < CHECKS; ++i) {
-        checker->checkAccess(objects[i % objects.size()]);
+    for (int i = 0; i < CHECKS; ++i) {
+        static_cast<void>(checker.checkAccess(object));
     }
-    return CHECKS / std::chrono::duration<double>(Clock::now() - begin).count();
-}
-
-boost::shared_ptr<AccessControlClient> createClient() {
-    boost::shared_ptr<AccessControlClient> client;
-    if (const int status = AccessControlClient::create(ObjectNamespace(), client); status != 0) {
-        throw EC_exception(status);
-    }
-    return client;
-}
-
-void run(const Arguments& arguments) {
-    const Clock::time_point begin = Clock::now();
-    const boost::shared_ptr<AccessControlClient> client = createClient();
-    const auto creation = std::chrono::duration<double, std::milli>(Clock::now() - begin).count();
-
-    Tesmor::Dal::DbConnectionManager database(1, 2, 0, 1, 30, 15, 40, Tesmor::Dal::USERID_AUTHORIZATION, false);
-    const Enforcement enforcement{*client, database};
-    printTable(enforcement, arguments);
-    watch(enforcement, arguments);
-    std::cout << "\n";
-    printTable(enforcement, arguments);
-    std::cout << "\nThe client was made in " << std::setprecision(1) << creation << " ms; " << std::setprecision(0)
-              << checksPerSecond(enforcement, arguments) << " checks per second on one thread\n";
+    return CHECKS / secondsSince(begin);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
     try {
-        run(parseArguments({argv + 1, argv + argc}));
+        if (argc < 4) {
+            throw std::invalid_argument("usage: watch_access TOKENS_FILE TURNS OBJECT...");
+        }
+        const std::vector<User> users = readUsers(argv[1]);
+        std::vector<ObjectNamespace> objects(static_cast<std::size_t>(argc - 3));
+        std::transform(argv + 3, argv + argc, objects.begin(), boost::lexical_cast<ObjectNamespace, const char*>);
+        const Clock::time_point begin = Clock::now();
+        Enforcement enforcement;
+        const double opened = secondsSince(begin) * 1000;
+        printTable(enforcement, users, objects);
+        watch(enforcement, users.front(), objects.front(), std::stoi(argv[2]));
+        printTable(enforcement, users, objects);
+        std::cout << "\nThe client was made in " << opened << " ms; " << std::setprecision(0)
+                  << checksPerSecond(*enforcement.checkerFor(users.front(), operations::VIEW), objects.front())
+                  << " checks per second on one thread\n";
     } catch (const std::exception& failure) {
         std::cerr << "watch_access: " << failure.what() << "\n";
         return 1;
     }
-    return 0;
 }

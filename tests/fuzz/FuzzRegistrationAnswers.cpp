@@ -54,7 +54,7 @@ boost::shared_ptr<ObjectRegistrationData> dataOf(const ObjectNamespace& ns) {
 /// That the callback was told either to work, and the result was committed with one request more, or of the failure.
 template <class Told>
 void requireOneOrTheOther(const Told& callback, const ScriptedHttp& http, int status) {
-    require(http.requests.size() == (callback.processed ? 2 : 1));
+    require(http.requests().size() == (callback.processed ? 2 : 1));
     require(callback.processed ? status == 0 && callback.failedWith == -1 : callback.failedWith == status);
 }
 
@@ -113,6 +113,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         default:
             registerOne(*http, service, success, body);
     }
-    require(http->liveClients == 0);
+    require(http->liveClients() == 0);
     return 0;
 }

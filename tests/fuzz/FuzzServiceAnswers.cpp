@@ -134,7 +134,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     } catch (const boost::bad_lexical_cast&) {
         require(success);
     }
-    require(clients.http->liveClients == 0 && clients.http->requests.size() == 1);
-    clients.http->requests.clear();
+    require(clients.http->liveClients() == 0 && clients.http->requests().size() == 1);
+    clients.http->forgetRequests();
     return 0;
 }

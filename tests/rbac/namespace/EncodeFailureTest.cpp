@@ -275,6 +275,6 @@ TEST_F(EncodeFailure, NothingIsAskedOfANamespaceWithoutAText) {
     Tesmor::Arkwell::Rbac::ManagedObjectAPI objects(http);
     letFail(Failure::STATUS);
     EXPECT_THROW(objects.get_object(ObjectNamespace("A")), boost::bad_lexical_cast);
-    EXPECT_THAT(http->requests, testing::IsEmpty());
+    EXPECT_THAT(http->requests(), testing::IsEmpty());
     EXPECT_THAT(log.lines(), testing::IsEmpty());
 }

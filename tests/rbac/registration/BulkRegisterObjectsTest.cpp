@@ -83,8 +83,8 @@ protected:
     void expectStory(const std::string& failure, int status) const {
         EXPECT_THAT(story(), ElementsAre(registering(3), sending(BULK_REGISTRATIONS), line(16, failure),
                                          called("failed " + std::to_string(status))));
-        EXPECT_THAT(http_->requests, ElementsAre(registration()));
-        EXPECT_EQ(http_->liveClients, 0);
+        EXPECT_THAT(http_->requests(), ElementsAre(registration()));
+        EXPECT_EQ(http_->liveClients(), 0);
     }
 };
 /// The objects' states cannot be updated after the callback.
@@ -108,7 +108,7 @@ TEST_F(BulkRegisterObjectsTest, CommitsWhatTheServiceRegisteredInTheOrderOfTheOb
     succeedWith({A, B, C});
     EXPECT_EQ(run(), 0);
     EXPECT_THAT(
-        http_->requests,
+        http_->requests(),
         ElementsAre(
             registration(),
             stateUpdate(
@@ -124,7 +124,7 @@ TEST_F(BulkRegisterObjectsTest, SendsWhatTheBuilderOfTheRequestBuilds) {
     const std::string built =
         json_dumps_shared(DefaultObjectRegistrationService::buildBulkRegistrationRequest(data_)).get();
     EXPECT_THAT(built, testing::HasSubstr(R"("objectType":"\u00E9[]")"));
-    EXPECT_THAT(http_->requests, ElementsAre(post(BULK_REGISTRATIONS, built)));
+    EXPECT_THAT(http_->requests(), ElementsAre(post(BULK_REGISTRATIONS, built)));
 }
 
 TEST_F(BulkRegisterObjectsTest, CommitsWhatSucceededAndRollsBackTheRest) {
@@ -132,7 +132,7 @@ TEST_F(BulkRegisterObjectsTest, CommitsWhatSucceededAndRollsBackTheRest) {
     http_->answer(201);
     succeedWith({B, C});
     EXPECT_EQ(run(), 8022);
-    EXPECT_THAT(http_->requests, ElementsAre(registration(), onlyB()));
+    EXPECT_THAT(http_->requests(), ElementsAre(registration(), onlyB()));
     EXPECT_THAT(story(), ElementsAre(registering(3), sending(BULK_REGISTRATIONS), pending(), called("process 0"),
                                      splitting("2", "1"), updating(2, 0, 3), sending(UPDATES), updated()));
 }
@@ -141,11 +141,11 @@ TEST_F(BulkRegisterObjectsTest, RollsEverythingBackWhereNothingSucceeded) {
     acceptRegistration();
     http_->answer(201);
     EXPECT_EQ(run(), 8022);
-    EXPECT_THAT(http_->requests, ElementsAre(registration(), stateUpdate({{"|A|2|", "DELETED"},
-                                                                          {"|A|", "DELETED"},
-                                                                          {"|A|1|", "DELETED"},
-                                                                          {"|B|", "DELETED"},
-                                                                          {"|B|1|", "DELETED"}})));
+    EXPECT_THAT(http_->requests(), ElementsAre(registration(), stateUpdate({{"|A|2|", "DELETED"},
+                                                                            {"|A|", "DELETED"},
+                                                                            {"|A|1|", "DELETED"},
+                                                                            {"|B|", "DELETED"},
+                                                                            {"|B|1|", "DELETED"}})));
     EXPECT_THAT(story(), ElementsAre(registering(3), sending(BULK_REGISTRATIONS), pending(), called("process 0"),
                                      splitting("0", "3"), updating(0, 0, 5), sending(UPDATES), updated()));
 }
@@ -155,7 +155,7 @@ TEST_F(BulkRegisterObjectsTest, CountsWhatSucceededWhateverItIs) {
     http_->answer(201);
     succeedWith({ObjectNamespace("X"), ObjectNamespace("Y"), B});
     EXPECT_EQ(run(), 0);
-    EXPECT_THAT(http_->requests, ElementsAre(registration(), onlyB()));
+    EXPECT_THAT(http_->requests(), ElementsAre(registration(), onlyB()));
     EXPECT_THAT(story(), ElementsAre(registering(3), sending(BULK_REGISTRATIONS), pending(), called("process 0"),
                                      committing(), updating(2, 0, 3), sending(UPDATES), updated()));
 }
@@ -177,7 +177,7 @@ TEST_F(BulkRegisterObjectsTest, CountsTheDataNotWhatTheServiceRegistered) {
     EXPECT_EQ(run(), 8022);
     EXPECT_THAT(story(), ElementsAre(registering(3), sending(BULK_REGISTRATIONS), pending(), called("process 0"),
                                      splitting("1", "2"), updating(1, 0, 0), sending(UPDATES), updated()));
-    EXPECT_THAT(http_->requests, ElementsAre(registration(), stateUpdate({{"|A|", "READY"}})));
+    EXPECT_THAT(http_->requests(), ElementsAre(registration(), stateUpdate({{"|A|", "READY"}})));
 }
 
 TEST_F(BulkRegisterObjectsTest, IgnoresWhatTheCallbackReturns) {
@@ -196,14 +196,14 @@ TEST_F(BulkRegisterObjectsTest, RefusesNoData) {
     data_.clear();
     EXPECT_EQ(run(), 20);
     EXPECT_THAT(log_.lines(), ElementsAre(line(16, "bulkRegistrationData must not be empty")));
-    EXPECT_THAT(http_->requests, IsEmpty());
+    EXPECT_THAT(http_->requests(), IsEmpty());
 }
 
 TEST_F(BulkRegisterObjectsTest, RefusesAMissingCallback) {
     callback_.reset();
     EXPECT_EQ(run(), 20);
     EXPECT_THAT(log_.lines(), ElementsAre(line(16, "callback is required")));
-    EXPECT_THAT(http_->requests, IsEmpty());
+    EXPECT_THAT(http_->requests(), IsEmpty());
 }
 
 TEST_F(BulkRegisterObjectsTest, NamesTheDataWhereTheCallbackIsMissingToo) {
@@ -231,7 +231,7 @@ TEST_F(FailedBulkRegistrationTest, HasTheTransportsStatus) {
     EXPECT_EQ(run(), 9554);
     EXPECT_THAT(story(), ElementsAre(registering(3), sending(BULK_REGISTRATIONS), unsent(BULK_REGISTRATIONS),
                                      line(16, "Registration failed, status=9554"), called("failed 9554")));
-    EXPECT_THAT(http_->requests, ElementsAre(registration()));
+    EXPECT_THAT(http_->requests(), ElementsAre(registration()));
 }
 
 TEST_F(FailedBulkRegistrationTest, HasTheGeneralStatusWhereThereIsNoClient) {
@@ -249,7 +249,7 @@ TEST_F(FailedBulkRegistrationTest, HasAStatusForAnswersThatAreNoJson) {
                             LogLine{16, "DefaultObjectRegistrationService::extractBulkRegisteredNamespaces",
                                     "Error parsing JSON response at position 2: '[' or '{' expected near 'no'"},
                             line(16, "Registration failed, status=9103"), called("failed 9103")));
-    EXPECT_THAT(http_->requests, ElementsAre(registration()));
+    EXPECT_THAT(http_->requests(), ElementsAre(registration()));
 }
 
 TEST_F(FailedBulkRegistrationTest, HasAStatusForAnswersThatCannotBeRead) {
@@ -259,7 +259,7 @@ TEST_F(FailedBulkRegistrationTest, HasAStatusForAnswersThatCannotBeRead) {
                                      LogLine{16, "DefaultObjectRegistrationService::extractBulkRegisteredNamespaces",
                                              "Invalid bulk registration response. data is not an array"},
                                      line(16, "Registration failed, status=9103"), called("failed 9103")));
-    EXPECT_THAT(http_->requests, ElementsAre(registration()));
+    EXPECT_THAT(http_->requests(), ElementsAre(registration()));
 }
 
 TEST_F(FailedBulkRegistrationTest, HasTheGeneralStatusForAnotherException) {
@@ -283,7 +283,7 @@ TEST_F(FailedBulkRegistrationTest, HasTheGeneralStatusForAnObjectTypeThatIsNoTex
         story(),
         ElementsAre(registering(3), LogLine{16, "json_pack_shared", "Error generating JSON: Invalid UTF-8 string"},
                     line(16, "Registration failed with exception: std::bad_alloc"), called("failed 114")));
-    EXPECT_THAT(http_->requests, IsEmpty());
+    EXPECT_THAT(http_->requests(), IsEmpty());
 }
 
 TEST_F(FailedBulkRegistrationTest, HasTheGeneralStatusForDataWithoutAccessControlAttributes) {
@@ -292,7 +292,7 @@ TEST_F(FailedBulkRegistrationTest, HasTheGeneralStatusForDataWithoutAccessContro
     EXPECT_THAT(story(),
                 ElementsAre(registering(3), LogLine{16, "json_pack_shared", "Error generating JSON: NULL object"},
                             line(16, "Registration failed with exception: std::bad_alloc"), called("failed 114")));
-    EXPECT_THAT(http_->requests, IsEmpty());
+    EXPECT_THAT(http_->requests(), IsEmpty());
 }
 
 TEST_F(FailedBulkRegistrationTest, HasTheGeneralStatusForDataThatIsNotThere) {
@@ -301,7 +301,7 @@ TEST_F(FailedBulkRegistrationTest, HasTheGeneralStatusForDataThatIsNotThere) {
     EXPECT_THAT(story(), ElementsAre(registering(4),
                                      line(16, "Registration failed with exception: registration data is required"),
                                      called("failed 114")));
-    EXPECT_THAT(http_->requests, IsEmpty());
+    EXPECT_THAT(http_->requests(), IsEmpty());
 }
 
 TEST_F(FailedBulkRegistrationTest, HasTheGeneralStatusForWhatIsNoException) {
@@ -322,7 +322,7 @@ TEST_F(BulkRegisterObjectsTest, CarriesOnAfterStatusZeroWithNothingRegistered) {
     http_->answer(201);
     succeedWith({A, B, C});
     EXPECT_EQ(run(), 0);
-    EXPECT_THAT(http_->requests, ElementsAre(registration(), stateUpdate({})));
+    EXPECT_THAT(http_->requests(), ElementsAre(registration(), stateUpdate({})));
     EXPECT_THAT(story(),
                 ElementsAre(registering(3), sending(BULK_REGISTRATIONS),
                             LogLine{16, SEND_TAG, "Failed to register object. HTTP response code = 500. error = 0"},
@@ -334,7 +334,7 @@ TEST_F(BulkRegisterObjectsTest, FailsAfterStatusZeroWhereNothingSucceeded) {
     http_->raise(EC_exception(0));
     http_->answer(201);
     EXPECT_EQ(run(), 8022);
-    EXPECT_THAT(http_->requests, ElementsAre(registration(), stateUpdate({})));
+    EXPECT_THAT(http_->requests(), ElementsAre(registration(), stateUpdate({})));
     EXPECT_THAT(story(), ElementsAre(registering(3), sending(BULK_REGISTRATIONS),
                                      line(16, "Registration failed, status=0"), pending(), called("process 0"),
                                      splitting("0", "3"), updating(0, 0, 0), sending(UPDATES), updated()));
@@ -364,7 +364,7 @@ TEST_F(FailedStateUpdateTest, IsTheResultThoughTheCallbackSucceeded) {
                 ElementsAre(registering(3), sending(BULK_REGISTRATIONS), pending(), called("process 0"), committing(),
                             updating(5, 0, 0), sending(UPDATES), LogLine{16, SEND_TAG, CONFLICT_LOG},
                             line(16, "State update failed, status=5003")));
-    EXPECT_EQ(http_->requests.size(), 2U);
+    EXPECT_EQ(http_->requests().size(), 2U);
 }
 
 TEST_F(FailedStateUpdateTest, IsTheResultAlsoWhereTheCallbackFailed) {
@@ -408,7 +408,7 @@ TEST_F(BulkRegisterObjectsTest, SettlesWhatSucceededBeforeAnExceptionOfTheCallba
         throw std::runtime_error("no disk");
     };
     EXPECT_STREQ(thrownBy<std::runtime_error>([this] { run(); }).what(), "no disk");
-    EXPECT_THAT(http_->requests, ElementsAre(registration(), onlyB()));
+    EXPECT_THAT(http_->requests(), ElementsAre(registration(), onlyB()));
     EXPECT_THAT(story(), ElementsAre(registering(3), sending(BULK_REGISTRATIONS), pending(), called("process 0"),
                                      line(8, "Callback threw exception: no disk"), splitting("1", "2"),
                                      updating(2, 0, 3), sending(UPDATES), updated()));

@@ -55,13 +55,13 @@ TEST_F(NamespaceWithoutTextTest, IsInNoRequest) {
 
 TEST_F(NamespaceWithoutTextTest, ChangesNoState) {
     EXPECT_THROW(service_.changeObjectState(object_, READY), boost::bad_lexical_cast);
-    EXPECT_THAT(http_->requests, IsEmpty());
+    EXPECT_THAT(http_->requests(), IsEmpty());
 }
 
 TEST_F(NamespaceWithoutTextTest, IsNotRegistered) {
     const auto callback = boost::make_shared<LoggedCallback<ObjectRegistrationCallback> >();
     EXPECT_EQ(service_.registerObject(dataOf(object_), callback), 114);
-    EXPECT_THAT(http_->requests, IsEmpty());
+    EXPECT_THAT(http_->requests(), IsEmpty());
     EXPECT_THAT(story(), ElementsAre(LogLine{16, "DefaultObjectRegistrationService::registerObject",
                                              std::string("Registration threw exception: ") + BAD_CAST},
                                      called("failed 114")));
@@ -72,7 +72,7 @@ TEST_F(NamespaceWithoutTextTest, LetsNoOtherObjectBeRegisteredWithIt) {
     EXPECT_EQ(service_.bulkRegisterObjects({dataOf(ObjectNamespace("A")), dataOf(object_)},
                                            boost::make_shared<SucceedingBulkCallback>()),
               114);
-    EXPECT_THAT(http_->requests, IsEmpty());
+    EXPECT_THAT(http_->requests(), IsEmpty());
     EXPECT_THAT(story(), ElementsAre(LogLine{4, TAG, "Registering 2 objects"},
                                      LogLine{16, TAG, std::string("Registration failed with exception: ") + BAD_CAST},
                                      called("failed 114")));
@@ -84,7 +84,7 @@ TEST_F(NamespaceWithoutTextTest, IsUnregisteredByATextThatIsNoName) {
     http_->answer(409, CONFLICT);
     const auto callback = boost::make_shared<LoggedCallback<ObjectUnregistrationCallback> >();
     EXPECT_EQ(service_.unregisterObject(object_, callback), 5003);
-    EXPECT_THAT(http_->requests, ElementsAre(stateUpdate({{CONVERSION_FAILED, "PENDING"}})));
+    EXPECT_THAT(http_->requests(), ElementsAre(stateUpdate({{CONVERSION_FAILED, "PENDING"}})));
     EXPECT_THROW(boost::lexical_cast<ObjectNamespace>(CONVERSION_FAILED), boost::bad_lexical_cast);
     EXPECT_THAT(story(), ElementsAre(LogLine{4, TAG, "Unregistering [conversion failed]"}, updating(0, 1, 0),
                                      sending(UPDATES), LogLine{16, SEND_TAG, CONFLICT_LOG},

@@ -20,19 +20,19 @@ TEST_F(ObjectStateTest, UpdatesTheStatesOfManyObjectsWithOneRequest) {
     http_->answer(201, "no JSON");
     service_.bulkUpdateObjectState({ObjectNamespace("B"), ObjectNamespace("A"), ObjectNamespace("B")},
                                    {OBJECT, ObjectNamespace("A")}, {ObjectNamespace("D")});
-    EXPECT_THAT(http_->requests, ElementsAre(stateUpdate({{"|B|", "READY"},
-                                                          {"|A|", "READY"},
-                                                          {"|B|", "READY"},
-                                                          {ID, "PENDING"},
-                                                          {"|A|", "PENDING"},
-                                                          {"|D|", "DELETED"}})));
+    EXPECT_THAT(http_->requests(), ElementsAre(stateUpdate({{"|B|", "READY"},
+                                                            {"|A|", "READY"},
+                                                            {"|B|", "READY"},
+                                                            {ID, "PENDING"},
+                                                            {"|A|", "PENDING"},
+                                                            {"|D|", "DELETED"}})));
     EXPECT_THAT(story(), ElementsAre(updating(3, 2, 1), sending(UPDATES)));
 }
 
 TEST_F(ObjectStateTest, UpdatesNoStatesWithARequestAllTheSame) {
     http_->answer(201);
     service_.bulkUpdateObjectState({}, {}, {});
-    EXPECT_THAT(http_->requests, ElementsAre(stateUpdate({})));
+    EXPECT_THAT(http_->requests(), ElementsAre(stateUpdate({})));
     EXPECT_THAT(story(), ElementsAre(updating(0, 0, 0), sending(UPDATES)));
 }
 
@@ -56,10 +56,10 @@ TEST_F(ObjectStateTest, ChangesTheStateOfOneObject) {
          {std::tuple(READY, "READY", updating(1, 0, 0)), std::tuple(PENDING, "PENDING", updating(0, 1, 0)),
           std::tuple(DELETED, "DELETED", updating(0, 0, 1))}) {
         log_.clear();
-        http_->requests.clear();
+        http_->forgetRequests();
         http_->answer(201);
         service_.changeObjectState(OBJECT, state);
-        EXPECT_THAT(http_->requests, ElementsAre(stateUpdate({{ID, name}})));
+        EXPECT_THAT(http_->requests(), ElementsAre(stateUpdate({{ID, name}})));
         EXPECT_THAT(story(), ElementsAre(logged, sending(UPDATES)));
     }
 }
@@ -74,13 +74,13 @@ TEST_F(ObjectStateTest, RefusesAStateThatThereIsNot) {
         EXPECT_THAT(log_.lines(), ElementsAre(LogLine{16, "DefaultObjectRegistrationService::changeObjectState",
                                                       "Unknown object state, " + std::to_string(state)}));
     }
-    EXPECT_THAT(http_->requests, IsEmpty());
+    EXPECT_THAT(http_->requests(), IsEmpty());
 }
 
 TEST_F(ObjectStateTest, DeletesAnObjectByItsState) {
     http_->answer(201);
     service_.deleteObject(OBJECT);
-    EXPECT_THAT(http_->requests, ElementsAre(stateUpdate({{ID, "DELETED"}})));
+    EXPECT_THAT(http_->requests(), ElementsAre(stateUpdate({{ID, "DELETED"}})));
     EXPECT_THAT(story(), ElementsAre(updating(0, 0, 1), sending(UPDATES)));
 }
 

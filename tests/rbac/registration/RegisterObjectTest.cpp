@@ -39,7 +39,7 @@ protected:
 
     /// What was told of an exception of the callback.
     void expectRollback(const std::string& thrown, int status) const {
-        EXPECT_THAT(http_->requests, ElementsAre(registration(), rollback()));
+        EXPECT_THAT(http_->requests(), ElementsAre(registration(), rollback()));
         EXPECT_THAT(story(), ElementsAre(sending(REGISTRATIONS), called("process"), line(8, thrown),
                                          rollingBack(status), updating(0, 0, 2), sending(UPDATES), rolledBack()));
     }
@@ -87,7 +87,7 @@ TEST_F(RegisterObjectTest, CommitsWhatTheServiceRegisteredWhenTheCallbackSucceed
     acceptRegistration();
     http_->answer(201);
     EXPECT_EQ(run(), 0);
-    EXPECT_THAT(http_->requests,
+    EXPECT_THAT(http_->requests(),
                 ElementsAre(registration(), stateUpdate({{"|ASSETS|a+b%7Cc|", "READY"}, {"|O|", "READY"}})));
     EXPECT_THAT(story(), ElementsAre(sending(REGISTRATIONS), called("process"), committing(), updating(2, 0, 0),
                                      sending(UPDATES), committed()));
@@ -104,12 +104,12 @@ TEST_F(RegisterObjectTest, DoesNotReadTheAnswerToTheCommit) {
 TEST_F(RegisterObjectTest, RollsBackWhatTheServiceRegisteredWhenTheCallbackFails) {
     for (const int status : {5, -3}) {
         log_.clear();
-        http_->requests.clear();
+        http_->forgetRequests();
         acceptRegistration();
         http_->answer(201);
         callback_->work = [status] { return status; };
         EXPECT_EQ(run(), 8022);
-        EXPECT_THAT(http_->requests, ElementsAre(registration(), rollback()));
+        EXPECT_THAT(http_->requests(), ElementsAre(registration(), rollback()));
         EXPECT_THAT(story(), ElementsAre(sending(REGISTRATIONS), called("process"), rollingBack(status),
                                          updating(0, 0, 2), sending(UPDATES), rolledBack()));
     }
@@ -119,7 +119,7 @@ TEST_F(RegisterObjectTest, CommitsNothingWhereTheServiceRegisteredNothing) {
     http_->answer(201, answerOf(R"({"id":"|O|"})"));
     http_->answer(201);
     EXPECT_EQ(run(), 0);
-    EXPECT_THAT(http_->requests, ElementsAre(registration(), stateUpdate({})));
+    EXPECT_THAT(http_->requests(), ElementsAre(registration(), stateUpdate({})));
     EXPECT_THAT(story(), ElementsAre(sending(REGISTRATIONS), called("process"), committing(), updating(0, 0, 0),
                                      sending(UPDATES), committed()));
 }
@@ -128,21 +128,21 @@ TEST_F(RegisterObjectTest, RefusesMissingData) {
     data_.reset();
     EXPECT_EQ(run(), 20);
     EXPECT_THAT(log_.lines(), ElementsAre(line(16, "ObjectRegistrationData and AccessControlAttributes are required")));
-    EXPECT_THAT(http_->requests, IsEmpty());
+    EXPECT_THAT(http_->requests(), IsEmpty());
 }
 
 TEST_F(RegisterObjectTest, RefusesDataWithoutAccessControlAttributes) {
     data_->accessControlAttributes.reset();
     EXPECT_EQ(run(), 20);
     EXPECT_THAT(log_.lines(), ElementsAre(line(16, "ObjectRegistrationData and AccessControlAttributes are required")));
-    EXPECT_THAT(http_->requests, IsEmpty());
+    EXPECT_THAT(http_->requests(), IsEmpty());
 }
 
 TEST_F(RegisterObjectTest, RefusesAMissingCallback) {
     callback_.reset();
     EXPECT_EQ(run(), 20);
     EXPECT_THAT(log_.lines(), ElementsAre(line(16, "ObjectRegistrationCallback is required")));
-    EXPECT_THAT(http_->requests, IsEmpty());
+    EXPECT_THAT(http_->requests(), IsEmpty());
 }
 
 TEST_F(RegisterObjectTest, NamesTheDataWhereTheCallbackIsMissingToo) {
@@ -157,8 +157,8 @@ TEST_F(FailedRegistrationTest, HasTheStatusThatIsThrown) {
     EXPECT_EQ(run(), 77);
     EXPECT_THAT(story(),
                 ElementsAre(sending(REGISTRATIONS), line(16, "Registration failed, status=77"), called("failed 77")));
-    EXPECT_THAT(http_->requests, ElementsAre(registration()));
-    EXPECT_EQ(http_->liveClients, 0);
+    EXPECT_THAT(http_->requests(), ElementsAre(registration()));
+    EXPECT_EQ(http_->liveClients(), 0);
 }
 
 TEST_F(FailedRegistrationTest, HasTheServicesErrorCode) {
@@ -186,7 +186,7 @@ TEST_F(FailedRegistrationTest, IsNoSuccessWithStatusZero) {
     EXPECT_EQ(run(), 0);
     EXPECT_THAT(story(),
                 ElementsAre(sending(REGISTRATIONS), line(16, "Registration failed, status=0"), called("failed 0")));
-    EXPECT_THAT(http_->requests, ElementsAre(registration()));
+    EXPECT_THAT(http_->requests(), ElementsAre(registration()));
 }
 
 TEST_F(FailedRegistrationTest, HasAStatusForAnswersThatCannotBeRead) {
@@ -197,7 +197,7 @@ TEST_F(FailedRegistrationTest, HasAStatusForAnswersThatCannotBeRead) {
                             LogLine{16, "DefaultObjectRegistrationService::extractRegisteredNamespaces",
                                     "Error parsing JSON response at position 2: '[' or '{' expected near 'no'"},
                             line(16, "Registration failed, status=9103"), called("failed 9103")));
-    EXPECT_THAT(http_->requests, ElementsAre(registration()));
+    EXPECT_THAT(http_->requests(), ElementsAre(registration()));
 }
 
 TEST_F(FailedRegistrationTest, HasTheGeneralStatusForAnotherException) {
@@ -215,7 +215,7 @@ TEST_F(FailedRegistrationTest, HasTheGeneralStatusForAnIdThatIsNoNamespace) {
                                           "Registration threw exception: bad lexical cast: source type value could not "
                                           "be interpreted as target"),
                                      called("failed 114")));
-    EXPECT_THAT(http_->requests, ElementsAre(registration()));
+    EXPECT_THAT(http_->requests(), ElementsAre(registration()));
 }
 
 TEST_F(FailedRegistrationTest, HasTheGeneralStatusForAnObjectTypeThatIsNoText) {
@@ -223,7 +223,7 @@ TEST_F(FailedRegistrationTest, HasTheGeneralStatusForAnObjectTypeThatIsNoText) {
     EXPECT_EQ(run(), 114);
     EXPECT_THAT(story(), ElementsAre(LogLine{16, "json_pack_shared", "Error generating JSON: Invalid UTF-8 string"},
                                      line(16, "Registration threw exception: std::bad_alloc"), called("failed 114")));
-    EXPECT_THAT(http_->requests, IsEmpty());
+    EXPECT_THAT(http_->requests(), IsEmpty());
 }
 
 TEST_F(FailedRegistrationTest, HasTheGeneralStatusForWhatIsNoException) {
@@ -231,7 +231,7 @@ TEST_F(FailedRegistrationTest, HasTheGeneralStatusForWhatIsNoException) {
     EXPECT_EQ(run(), 114);
     EXPECT_THAT(story(), ElementsAre(sending(REGISTRATIONS), line(16, "Registration threw unknown exception."),
                                      called("failed 114")));
-    EXPECT_EQ(http_->liveClients, 0);
+    EXPECT_EQ(http_->liveClients(), 0);
 }
 
 TEST_F(FailedCommitTest, IsTheResultThoughTheCallbackSucceeded) {
@@ -240,7 +240,7 @@ TEST_F(FailedCommitTest, IsTheResultThoughTheCallbackSucceeded) {
     EXPECT_THAT(story(), ElementsAre(sending(REGISTRATIONS), called("process"), committing(), updating(2, 0, 0),
                                      sending(UPDATES), LogLine{16, SEND_TAG, CONFLICT_LOG},
                                      line(16, "Failed to commit [|ASSETS|a+b%7Cc|]. exception: " + getECmsg(5003))));
-    EXPECT_EQ(http_->requests.size(), 2U);
+    EXPECT_EQ(http_->requests().size(), 2U);
 }
 
 TEST_F(FailedCommitTest, IsLoggedWithTheTextOfAStatus) {
@@ -273,7 +273,7 @@ TEST_F(FailedRollbackTest, IsTheResult) {
     EXPECT_THAT(story(), ElementsAre(sending(REGISTRATIONS), called("process"), rollingBack(9), updating(0, 0, 2),
                                      sending(UPDATES), LogLine{16, SEND_TAG, CONFLICT_LOG},
                                      line(16, "Failed to rollback [|ASSETS|a+b%7Cc|]. exception: " + getECmsg(5003))));
-    EXPECT_EQ(http_->requests.size(), 2U);
+    EXPECT_EQ(http_->requests().size(), 2U);
 }
 
 TEST_F(FailedRollbackTest, IsLoggedWithTheTextOfAStatus) {
@@ -336,5 +336,5 @@ TEST_F(FailedRegistrationTest, PassesOnWhatTheCallbackThrowsWhenItIsTold) {
     EXPECT_STREQ(thrownBy<std::runtime_error>([this] { run(); }).what(), "no disk");
     EXPECT_THAT(story(),
                 ElementsAre(sending(REGISTRATIONS), line(16, "Registration failed, status=77"), called("failed 77")));
-    EXPECT_THAT(http_->requests, ElementsAre(registration()));
+    EXPECT_THAT(http_->requests(), ElementsAre(registration()));
 }

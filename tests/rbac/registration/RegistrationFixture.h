@@ -62,7 +62,7 @@ protected:
     using LogLine = testing_support::LogLine;
     using ObjectNamespace = Tesmor::Arkwell::Rbac::ObjectNamespace;
 
-    /// Everything logged, but for the bodies of requests, which are in http_->requests.
+    /// Everything logged, but for the bodies of requests, which are in http_->requests().
     std::vector<LogLine> story() const {
         std::vector<LogLine> lines = log_.lines();
         lines.erase(std::remove_if(lines.begin(), lines.end(),

@@ -179,21 +179,21 @@ TEST_F(SendHttpRequestTest, GoesToTheServicesHostAndPort) {
     settings_.replace(R"({"primaryServer":"another.example"})");
     http_->answer(201);
     service.sendHttpRequest(HTTP_POST, URL, "p");
-    EXPECT_EQ(http_->host, "primary.example");
-    EXPECT_EQ(http_->port, 4711);
-    EXPECT_EQ(http_->session, SESSION_SERVICE);
+    EXPECT_EQ(http_->lastServer().host, "primary.example");
+    EXPECT_EQ(http_->lastServer().port, 4711);
+    EXPECT_EQ(http_->lastServer().session, SESSION_SERVICE);
 }
 
 TEST_F(SendHttpRequestTest, SendsEachTypeInTheServicesVersionAndHandsTheAnswerOut) {
     for (const Kind& kind : KINDS) {
         log_.clear();
-        http_->requests.clear();
+        http_->forgetRequests();
         http_->answer(kind.success, std::string(kind.method) + " answered");
         EXPECT_EQ(statusOfSending(kind.type), 0);
         EXPECT_EQ(response_, std::string(kind.method) + " answered");
-        EXPECT_THAT(http_->requests, ElementsAre(HttpRequest{kind.method, URL, kind.body, "6.0"}));
+        EXPECT_THAT(http_->requests(), ElementsAre(HttpRequest{kind.method, URL, kind.body, "6.0"}));
         EXPECT_THAT(log_.lines(), ElementsAre(sending(kind.type), line(2, "Request payload: p")));
-        EXPECT_EQ(http_->liveClients, 0);
+        EXPECT_EQ(http_->liveClients(), 0);
     }
 }
 
@@ -208,7 +208,7 @@ TEST_F(SendHttpRequestTest, NeedsNoPlaceForTheAnswer) {
     service_.sendHttpRequest(HTTP_POST, URL, "p");
     http_->answer(409, CONFLICT);
     EXPECT_EQ(statusOf([this] { service_.sendHttpRequest(HTTP_POST, URL, "q"); }), 5003);
-    EXPECT_THAT(http_->requests, ElementsAre(post(URL, "p"), post(URL, "q")));
+    EXPECT_THAT(http_->requests(), ElementsAre(post(URL, "p"), post(URL, "q")));
 }
 
 TEST_F(SendHttpRequestTest, SendsNothingOfAnotherType) {
@@ -220,8 +220,8 @@ TEST_F(SendHttpRequestTest, SendsNothingOfAnotherType) {
         EXPECT_THAT(log_.lines(),
                     ElementsAre(sending(static_cast<HttpRequestType>(type)), line(2, "Request payload: p")));
     }
-    EXPECT_THAT(http_->requests, IsEmpty());
-    EXPECT_EQ(http_->liveClients, 0);
+    EXPECT_THAT(http_->requests(), IsEmpty());
+    EXPECT_EQ(http_->liveClients(), 0);
 }
 
 TEST_F(SendHttpRequestTest, FailsForAnotherTypeWhereTheClientHasAStatus) {
@@ -296,7 +296,7 @@ TEST_F(SendHttpRequestTest, PassesOnWhatAClientThrowsAfterTheLog) {
     http_->raise(std::runtime_error("no socket"));
     EXPECT_STREQ(thrownBy<std::runtime_error>([this] { statusOfSending(HTTP_POST); }).what(), "no socket");
     EXPECT_THAT(log_.lines(), ElementsAre(sending(HTTP_POST), line(2, "Request payload: p")));
-    EXPECT_EQ(http_->liveClients, 0);
+    EXPECT_EQ(http_->liveClients(), 0);
     EXPECT_EQ(response_, "before");
 }
 

@@ -32,7 +32,7 @@ protected:
 
     /// What was told of an exception of the callback.
     void expectUndoing(const std::string& thrown, int status) const {
-        EXPECT_THAT(http_->requests, ElementsAre(change("PENDING"), change("READY")));
+        EXPECT_THAT(http_->requests(), ElementsAre(change("PENDING"), change("READY")));
         EXPECT_THAT(story(),
                     ElementsAre(unregistering(), updating(0, 1, 0), sending(UPDATES), pending(), called("process"),
                                 line(8, thrown), undoing(status), updating(1, 0, 0), sending(UPDATES), undone()));
@@ -56,7 +56,7 @@ protected:
     void expectStory(const std::string& failure, int status) const {
         EXPECT_THAT(story(), ElementsAre(unregistering(), updating(0, 1, 0), sending(UPDATES), line(16, failure),
                                          called("failed " + std::to_string(status))));
-        EXPECT_THAT(http_->requests, ElementsAre(change("PENDING")));
+        EXPECT_THAT(http_->requests(), ElementsAre(change("PENDING")));
     }
 };
 /// The callback succeeds; the object cannot be deleted.
@@ -89,7 +89,7 @@ TEST_F(UnregisterObjectTest, DeletesTheObjectWhenTheCallbackSucceeds) {
     http_->answer(201);
     http_->answer(201);
     EXPECT_EQ(run(), 0);
-    EXPECT_THAT(http_->requests, ElementsAre(change("PENDING"), change("DELETED")));
+    EXPECT_THAT(http_->requests(), ElementsAre(change("PENDING"), change("DELETED")));
     EXPECT_THAT(story(), ElementsAre(unregistering(), updating(0, 1, 0), sending(UPDATES), pending(), called("process"),
                                      deleting(), updating(0, 0, 1), sending(UPDATES), unregistered()));
 }
@@ -105,12 +105,12 @@ TEST_F(UnregisterObjectTest, DoesNotReadTheServicesAnswers) {
 TEST_F(UnregisterObjectTest, MakesTheObjectReadyAgainWhenTheCallbackFails) {
     for (const int status : {5, -3}) {
         log_.clear();
-        http_->requests.clear();
+        http_->forgetRequests();
         http_->answer(201);
         http_->answer(201);
         callback_->work = [status] { return status; };
         EXPECT_EQ(run(), 8023);
-        EXPECT_THAT(http_->requests, ElementsAre(change("PENDING"), change("READY")));
+        EXPECT_THAT(http_->requests(), ElementsAre(change("PENDING"), change("READY")));
         EXPECT_THAT(story(),
                     ElementsAre(unregistering(), updating(0, 1, 0), sending(UPDATES), pending(), called("process"),
                                 undoing(status), updating(1, 0, 0), sending(UPDATES), undone()));
@@ -120,14 +120,14 @@ TEST_F(UnregisterObjectTest, MakesTheObjectReadyAgainWhenTheCallbackFails) {
 TEST_F(UnregisterObjectTest, RefusesTheRoot) {
     EXPECT_EQ(run(ObjectNamespace()), 20);
     EXPECT_THAT(log_.lines(), ElementsAre(line(16, "object Namespace is required")));
-    EXPECT_THAT(http_->requests, IsEmpty());
+    EXPECT_THAT(http_->requests(), IsEmpty());
 }
 
 TEST_F(UnregisterObjectTest, RefusesAMissingCallback) {
     callback_.reset();
     EXPECT_EQ(run(), 20);
     EXPECT_THAT(log_.lines(), ElementsAre(line(16, "ObjectUnregistrationCallback is required")));
-    EXPECT_THAT(http_->requests, IsEmpty());
+    EXPECT_THAT(http_->requests(), IsEmpty());
 }
 
 TEST_F(UnregisterObjectTest, NamesTheNamespaceWhereTheCallbackIsMissingToo) {
@@ -140,7 +140,7 @@ TEST_F(FailedPendingTest, HasTheStatusThatIsThrown) {
     http_->raise(EC_exception(77));
     EXPECT_EQ(run(), 77);
     expectStory("Failed to update object to pending, status=77", 77);
-    EXPECT_EQ(http_->liveClients, 0);
+    EXPECT_EQ(http_->liveClients(), 0);
 }
 
 TEST_F(FailedPendingTest, HasTheServicesErrorCode) {
@@ -149,7 +149,7 @@ TEST_F(FailedPendingTest, HasTheServicesErrorCode) {
     EXPECT_THAT(story(),
                 ElementsAre(unregistering(), updating(0, 1, 0), sending(UPDATES), LogLine{16, SEND_TAG, CONFLICT_LOG},
                             line(16, "Failed to update object to pending, status=5003"), called("failed 5003")));
-    EXPECT_THAT(http_->requests, ElementsAre(change("PENDING")));
+    EXPECT_THAT(http_->requests(), ElementsAre(change("PENDING")));
 }
 
 TEST_F(FailedPendingTest, HasTheTransportsStatus) {
@@ -158,7 +158,7 @@ TEST_F(FailedPendingTest, HasTheTransportsStatus) {
     EXPECT_THAT(story(),
                 ElementsAre(unregistering(), updating(0, 1, 0), sending(UPDATES), unsent(UPDATES),
                             line(16, "Failed to update object to pending, status=9554"), called("failed 9554")));
-    EXPECT_THAT(http_->requests, ElementsAre(change("PENDING")));
+    EXPECT_THAT(http_->requests(), ElementsAre(change("PENDING")));
 }
 
 TEST_F(FailedPendingTest, HasTheGeneralStatusWhereThereIsNoClient) {
@@ -192,7 +192,7 @@ TEST_F(UnregisterObjectTest, CarriesOnAfterStatusZeroAsAfterASuccess) {
     http_->answer(500, R"({"errorCode":0})");
     http_->answer(201);
     EXPECT_EQ(run(), 0);
-    EXPECT_THAT(http_->requests, ElementsAre(change("PENDING"), change("DELETED")));
+    EXPECT_THAT(http_->requests(), ElementsAre(change("PENDING"), change("DELETED")));
     EXPECT_THAT(story(),
                 ElementsAre(unregistering(), updating(0, 1, 0), sending(UPDATES),
                             LogLine{16, SEND_TAG, "Failed to register object. HTTP response code = 500. error = 0"},
@@ -205,7 +205,7 @@ TEST_F(UnregisterObjectTest, UndoesAlsoAfterStatusZero) {
     http_->answer(201);
     callback_->work = [] { return 5; };
     EXPECT_EQ(run(), 8023);
-    EXPECT_THAT(http_->requests, ElementsAre(change("PENDING"), change("READY")));
+    EXPECT_THAT(http_->requests(), ElementsAre(change("PENDING"), change("READY")));
     EXPECT_THAT(story(), ElementsAre(unregistering(), updating(0, 1, 0), sending(UPDATES),
                                      line(16, "Failed to update object to pending, status=0"), pending(),
                                      called("process"), undoing(5), updating(1, 0, 0), sending(UPDATES), undone()));
@@ -218,7 +218,7 @@ TEST_F(FailedDeletionTest, IsTheResultThoughTheCallbackSucceeded) {
                 ElementsAre(unregistering(), updating(0, 1, 0), sending(UPDATES), pending(), called("process"),
                             deleting(), updating(0, 0, 1), sending(UPDATES), LogLine{16, SEND_TAG, CONFLICT_LOG},
                             line(16, "Failed to delete [|ASSETS|a+b%7Cc|], status=5003")));
-    EXPECT_THAT(http_->requests, ElementsAre(change("PENDING"), change("DELETED")));
+    EXPECT_THAT(http_->requests(), ElementsAre(change("PENDING"), change("DELETED")));
 }
 
 TEST_F(FailedDeletionTest, IsTheResultOfAFailedTransport) {
@@ -259,7 +259,7 @@ TEST_F(FailedUndoingTest, IsTheResult) {
     EXPECT_THAT(story(), ElementsAre(unregistering(), updating(0, 1, 0), sending(UPDATES), pending(), called("process"),
                                      undoing(9), updating(1, 0, 0), sending(UPDATES),
                                      LogLine{16, SEND_TAG, CONFLICT_LOG}, line(16, "Failed to rollback, status=5003")));
-    EXPECT_THAT(http_->requests, ElementsAre(change("PENDING"), change("READY")));
+    EXPECT_THAT(http_->requests(), ElementsAre(change("PENDING"), change("READY")));
 }
 
 TEST_F(FailedUndoingTest, IsTheResultOfAFailedTransport) {

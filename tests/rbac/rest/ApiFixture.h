@@ -42,7 +42,7 @@ protected:
         try {
             call();
         } catch (const EC_exception& failure) {
-            EXPECT_EQ(http_->liveClients, 0);
+            EXPECT_EQ(http_->liveClients(), 0);
             return failure.status;
         }
         return 0;
@@ -66,7 +66,7 @@ protected:
         for (const testing_support::LogLine& line : errors()) {
             outcome += " [" + line.tag + "] " + line.message;
         }
-        EXPECT_EQ(http_->liveClients, 0);
+        EXPECT_EQ(http_->liveClients(), 0);
         return outcome;
     }
 

@@ -39,12 +39,12 @@ TEST_F(EncodeUriPartTest, ReportsTheStatusOfTheEncoder) {
 TEST_F(EncodeUriPartTest, AsksForNoListWithAFilterThatCannotBeEncoded) {
     EXPECT_EQ(outcomeOf([this] { RoleAPI(http_).get_roles("f"); }), refused("f"));
     EXPECT_EQ(outcomeOf([this] { OperationAPI(http_).get_operations("f"); }), refused("f"));
-    EXPECT_THAT(http_->requests, IsEmpty());
+    EXPECT_THAT(http_->requests(), IsEmpty());
 }
 
 TEST_F(EncodeUriPartTest, AsksForNoObjectWhoseNamespaceCannotBeEncoded) {
     EXPECT_EQ(outcomeOf([this] { ManagedObjectAPI(http_).get_object(ObjectNamespace("A")); }), refused("|A|"));
-    EXPECT_THAT(http_->requests, IsEmpty());
+    EXPECT_THAT(http_->requests(), IsEmpty());
 }
 
 TEST_F(EncodeUriPartTest, MakesNoClientOfAScopeThatCannotBeEncoded) {

@@ -201,7 +201,7 @@ TEST_F(ManagedObjectApiTest, ReadsAnObject) {
     EXPECT_EQ(read.objectNamespace, ObjectNamespace("A"));
     EXPECT_EQ(read.inherit, 1);
     EXPECT_EQ(read.state, ManagedObjectState::PENDING);
-    EXPECT_THAT(http_->requests, ElementsAre(HttpRequest{"GET", URL, "", ""}));
+    EXPECT_THAT(http_->requests(), ElementsAre(HttpRequest{"GET", URL, "", ""}));
 }
 
 TEST_F(ManagedObjectApiTest, ReadsAnObjectThatDoesNotInherit) {
@@ -278,7 +278,7 @@ TEST_F(ManagedObjectApiTest, SwitchesInheritanceWithABoolean) {
     api_.set_inherit(NAMESPACE, true);
     api_.set_inherit(NAMESPACE, false);
     EXPECT_THAT(
-        http_->requests,
+        http_->requests(),
         ElementsAre(
             HttpRequest{"PATCH", URL, R"({"data":{"type":"managedObject","attributes":{"inherit":true}}})", ""},
             HttpRequest{"PATCH", URL, R"({"data":{"type":"managedObject","attributes":{"inherit":false}}})", ""}));
@@ -292,7 +292,7 @@ TEST_F(ManagedObjectApiTest, ReadsAccessDefinitions) {
     EXPECT_EQ(definition.roleId, 7);
     EXPECT_THAT(definition.operations, ElementsAre(ObjectNamespace("B"), ObjectNamespace("A")));
     EXPECT_EQ(definition.managedObject, ObjectNamespace("O"));
-    EXPECT_THAT(http_->requests, ElementsAre(HttpRequest{"GET", URL + "/access-definitions", "", ""}));
+    EXPECT_THAT(http_->requests(), ElementsAre(HttpRequest{"GET", URL + "/access-definitions", "", ""}));
 }
 
 TEST_F(ManagedObjectApiTest, ReadsADefinitionWithoutLinksOrOperations) {
@@ -446,11 +446,11 @@ TEST_F(ManagedObjectApiTest, AddsADefinition) {
         {Propagation::CHILDREN, "CHILDREN"},
         {Propagation::OBJECT_AND_CHILDREN, "OBJECT_AND_CHILDREN"}};
     for (const auto& [propagation, name] : cases) {
-        http_->requests.clear();
+        http_->forgetRequests();
         http_->answer(201, data(Definition().text()));
         add(propagation);
         EXPECT_THAT(
-            http_->requests,
+            http_->requests(),
             ElementsAre(HttpRequest{"POST", URL + "/access-definitions",
                                     R"({"data":{"type":"accessDefinition","attributes":{"propagation":")" + name +
                                         R"("},"relationships":{"role":{"data":{"id":"7","type":"accessControlRole"}},)"
@@ -478,17 +478,17 @@ TEST_F(ManagedObjectApiTest, LeavesTheOperationsOfADefinitionToTheCaller) {
 
 TEST_F(ManagedObjectApiTest, AddsNoDefinitionOfAnInvalidPropagation) {
     EXPECT_EQ(outcomeOf([this] { add(static_cast<Propagation::enum_type>(3)); }), "invalid propagation value");
-    EXPECT_THAT(http_->requests, IsEmpty());
+    EXPECT_THAT(http_->requests(), IsEmpty());
 }
 
 TEST_F(ManagedObjectApiTest, AddsNoDefinitionWithoutADocumentOfOperations) {
     operations_.reset();
     EXPECT_EQ(outcomeOf([this] { add(); }), "bad_alloc [json_pack_shared] Error generating JSON: NULL object");
-    EXPECT_THAT(http_->requests, IsEmpty());
+    EXPECT_THAT(http_->requests(), IsEmpty());
 }
 
 TEST_F(ManagedObjectApiTest, DeletesADefinitionByItsIdAsItIs) {
     http_->answer(204);
     api_.delete_access_definition_by_id(NAMESPACE, "a b/c");
-    EXPECT_THAT(http_->requests, ElementsAre(HttpRequest{"DELETE", URL + "/access-definitions/a b/c", "", ""}));
+    EXPECT_THAT(http_->requests(), ElementsAre(HttpRequest{"DELETE", URL + "/access-definitions/a b/c", "", ""}));
 }

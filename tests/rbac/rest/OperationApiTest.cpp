@@ -47,7 +47,7 @@ std::string operation(const std::string& id) {
 TEST_F(OperationApiTest, ListsOperationsInTheServicesOrderWithRepetitions) {
     http_->answer(200, listOf(operation("|B|") + "," + operation("|A|") + "," + operation("|B|")));
     EXPECT_THAT(api_.get_operations(""), ElementsAre(ObjectNamespace("B"), ObjectNamespace("A"), ObjectNamespace("B")));
-    EXPECT_THAT(http_->requests, ElementsAre(HttpRequest{"GET", URL, "", ""}));
+    EXPECT_THAT(http_->requests(), ElementsAre(HttpRequest{"GET", URL, "", ""}));
 }
 
 TEST_F(OperationApiTest, LogsARequestAndItsAnswer) {
@@ -61,7 +61,7 @@ TEST_F(OperationApiTest, LogsARequestAndItsAnswer) {
 TEST_F(OperationApiTest, EncodesAFilter) {
     http_->answer(200, listOf(""));
     api_.get_operations("a b&c");
-    EXPECT_EQ(http_->requests[0].url, URL + "?filter=a%20b%26c");
+    EXPECT_EQ(http_->requests()[0].url, URL + "?filter=a%20b%26c");
 }
 
 TEST_F(OperationApiTest, ListsNothingWhereThereAreNoOperations) {

@@ -132,9 +132,9 @@ TEST(BaseAPITest, MakesClientsOfThePrimaryServer) {
     const auto http = boost::make_shared<ScriptedHttp>();
     BaseAPI api(http);
     const std::unique_ptr<AWClientCURL_Base> client(api.new_curl());
-    EXPECT_EQ(http->host, "primary.example");
-    EXPECT_EQ(http->port, 1556);
-    EXPECT_EQ(http->session, 1);
+    EXPECT_EQ(http->lastServer().host, "primary.example");
+    EXPECT_EQ(http->lastServer().port, 1556);
+    EXPECT_EQ(http->lastServer().session, 1);
 }
 
 TEST(BaseAPITest, ShowsTheHostsCertificateByItself) {
@@ -155,7 +155,7 @@ TEST(BaseAPITest, LooksTheServerUpOnce) {
     BaseAPI api(http);
     settings.replace(R"({"primaryServer":"second.example"})");
     const std::unique_ptr<AWClientCURL_Base> client(api.new_curl());
-    EXPECT_EQ(http->host, "first.example");
+    EXPECT_EQ(http->lastServer().host, "first.example");
 }
 
 TEST(BaseAPITest, IsMadeInNoFormWithoutAPrimaryServer) {
@@ -211,7 +211,7 @@ TEST(ClientsOfRequestsTest, AreMadeOneForEachAndDeleted) {
         http->answer(500);
         EXPECT_THROW(call(), EC_exception);
         EXPECT_EQ(http->made, 1);
-        EXPECT_EQ(http->liveClients, 0);
+        EXPECT_EQ(http->liveClients(), 0);
     }
 }
 
@@ -221,9 +221,9 @@ TEST(ClientsOfRequestsTest, AreDeletedWhereATextInTheAnswerCannotBeConverted) {
     http->answer(200, R"({"data":[{"type":"accessControlOperation","id":"A"}]})");
     EXPECT_THROW(OperationAPI(http).get_operations(""), boost::bad_lexical_cast);
     EXPECT_EQ(http->made, 1);
-    EXPECT_EQ(http->liveClients, 0);
+    EXPECT_EQ(http->liveClients(), 0);
     http->answer(200, R"({"data":{"type":"managedObject","id":"A","attributes":{"inherit":true,"state":"READY"}}})");
     EXPECT_THROW(ManagedObjectAPI(http).get_object(ObjectNamespace("A")), boost::bad_lexical_cast);
     EXPECT_EQ(http->made, 2);
-    EXPECT_EQ(http->liveClients, 0);
+    EXPECT_EQ(http->liveClients(), 0);
 }

@@ -106,6 +106,9 @@ protected:
     static std::set<int> endingsOf(const std::vector<Answer>& answers, const Work& work) {
         std::vector<HttpRequest> sent;
         sent.reserve(MOST_REQUESTS);
+        const auto isBeginning = [&](const std::vector<HttpRequest>& requests) {
+            return isBeginningOf(sent, requests);
+        };
         const auto run = [&](std::vector<HttpRequest>* whole) {
             const auto http = boost::make_shared<ScriptedHttp>();
             for (const Answer& answer : answers) {
@@ -115,12 +118,12 @@ protected:
             try {
                 status = work(http);
             } catch (...) {
-                return isBeginningOf(sent, http->requests) ? throw : WRONG;
+                return http->lookAtRequests(isBeginning) ? throw : WRONG;
             }
             if (whole != nullptr) {
-                *whole = http->requests;
+                *whole = http->requests();
             }
-            return isBeginningOf(sent, http->requests) ? status : WRONG;
+            return http->lookAtRequests(isBeginning) ? status : WRONG;
         };
         EXPECT_EQ(run(&sent), 0);
         return endingsWithoutMemory([&] { return run(nullptr); });

@@ -61,11 +61,11 @@ protected:
 
     template <class Exception, class Call>
     std::string refusal(Call call) {
-        http_->requests.clear();
+        http_->forgetRequests();
         try {
             call();
         } catch (const Exception& failure) {
-            EXPECT_THAT(http_->requests, IsEmpty());
+            EXPECT_THAT(http_->requests(), IsEmpty());
             return failure.what();
         }
         return "nothing was thrown";
@@ -83,8 +83,8 @@ TEST_F(RoleApiTest, ReadsARole) {
     EXPECT_EQ(read.name, "n");
     EXPECT_EQ(read.description, "d");
     EXPECT_TRUE(read.systemDefined);
-    EXPECT_THAT(http_->requests, ElementsAre(HttpRequest{"GET", "arkwell/access-control/roles/7", "", ""}));
-    EXPECT_EQ(http_->liveClients, 0);
+    EXPECT_THAT(http_->requests(), ElementsAre(HttpRequest{"GET", "arkwell/access-control/roles/7", "", ""}));
+    EXPECT_EQ(http_->liveClients(), 0);
 }
 
 TEST_F(RoleApiTest, LogsEveryRequest) {
@@ -201,13 +201,13 @@ TEST_F(RoleApiTest, ListsRolesInTheServicesOrder) {
         ids.push_back(listed.id);
     }
     EXPECT_THAT(ids, ElementsAre(9, 3, 9));
-    EXPECT_THAT(http_->requests, ElementsAre(HttpRequest{"GET", "arkwell/access-control/roles", "", ""}));
+    EXPECT_THAT(http_->requests(), ElementsAre(HttpRequest{"GET", "arkwell/access-control/roles", "", ""}));
 }
 
 TEST_F(RoleApiTest, EncodesAFilter) {
     http_->answer(200, data("[]"));
     EXPECT_THAT(api_.get_roles("name eq 'a&b'"), IsEmpty());
-    EXPECT_EQ(http_->requests[0].url, "arkwell/access-control/roles?filter=name%20eq%20%27a%26b%27");
+    EXPECT_EQ(http_->requests()[0].url, "arkwell/access-control/roles?filter=name%20eq%20%27a%26b%27");
 }
 
 TEST_F(RoleApiTest, TakesDataThatIsNoArrayForNoRoles) {
@@ -223,20 +223,20 @@ TEST_F(RoleApiTest, FailsAListForOneBadElement) {
 TEST_F(RoleApiTest, CreatesARole) {
     http_->answer(201, data(ROLE));
     EXPECT_EQ(api_.create_role("a", "b").id, 7);
-    EXPECT_THAT(http_->requests,
+    EXPECT_THAT(http_->requests(),
                 ElementsAre(HttpRequest{"POST", "arkwell/access-control/roles", documentOf("a", "b"), ""}));
 }
 
 TEST_F(RoleApiTest, LeavesAnEmptyDescriptionOut) {
     http_->answer(201, data(ROLE));
     api_.create_role("a", "");
-    EXPECT_EQ(http_->requests[0].body, R"({"data":{"type":"accessControlRole","attributes":{"name":"a"}}})");
+    EXPECT_EQ(http_->requests()[0].body, R"({"data":{"type":"accessControlRole","attributes":{"name":"a"}}})");
 }
 
 TEST_F(RoleApiTest, CreatesARoleOfTheGreatestLengths) {
     http_->answer(201, data(ROLE));
     api_.create_role(std::string(64, 'n'), std::string(256, 'd'));
-    EXPECT_EQ(http_->requests[0].body, documentOf(std::string(64, 'n'), std::string(256, 'd')));
+    EXPECT_EQ(http_->requests()[0].body, documentOf(std::string(64, 'n'), std::string(256, 'd')));
 }
 
 TEST_F(RoleApiTest, LimitsWhatIsCreated) {
@@ -253,25 +253,25 @@ TEST_F(RoleApiTest, LimitsWhatIsCreated) {
 TEST_F(RoleApiTest, SendsNoTextThatIsNotUtf8) {
     Role changed = role();
     changed.name = "\xFF";
-    http_->requests.clear();
+    http_->forgetRequests();
     const std::string expected = "bad_alloc [json_pack_shared] Error generating JSON: Invalid UTF-8 string";
     EXPECT_EQ(outcomeOf([this] { api_.create_role("\xFF", ""); }), expected);
     EXPECT_EQ(outcomeOf([this] { api_.create_role("n", "\xFF"); }), expected);
     EXPECT_EQ(outcomeOf([&] { api_.update_role(changed); }), expected);
-    EXPECT_THAT(http_->requests, IsEmpty());
+    EXPECT_THAT(http_->requests(), IsEmpty());
 }
 
 TEST_F(RoleApiTest, SendsTextsWhole) {
     Role changed = role();
     changed.name = std::string("n\0m", 3);
     changed.description = std::string("d\0e", 3);
-    http_->requests.clear();
+    http_->forgetRequests();
     http_->answer(201, data(ROLE));
     api_.create_role(changed.name, "");
     http_->answer(204);
     api_.update_role(changed);
-    EXPECT_EQ(http_->requests[0].body, R"({"data":{"type":"accessControlRole","attributes":{"name":"n\u0000m"}}})");
-    EXPECT_EQ(http_->requests[1].body, documentOf("n\\u0000m", "d\\u0000e"));
+    EXPECT_EQ(http_->requests()[0].body, R"({"data":{"type":"accessControlRole","attributes":{"name":"n\u0000m"}}})");
+    EXPECT_EQ(http_->requests()[1].body, documentOf("n\\u0000m", "d\\u0000e"));
 }
 
 TEST_F(RoleApiTest, UpdatesARoleByItsLink) {
@@ -279,7 +279,7 @@ TEST_F(RoleApiTest, UpdatesARoleByItsLink) {
     changed.name = std::string(100, 'n');
     http_->answer(204);
     api_.update_role(changed);
-    EXPECT_EQ(http_->requests[1],
+    EXPECT_EQ(http_->requests()[1],
               (HttpRequest{"PUT", "arkwell/access-control/roles/7", documentOf(changed.name, "d"), ""}));
 }
 
@@ -289,7 +289,7 @@ TEST_F(RoleApiTest, UpdatesARoleOfTheGreatestLengths) {
     changed.description = std::string(256, 'd');
     http_->answer(204);
     api_.update_role(changed);
-    EXPECT_EQ(http_->requests[1].body, documentOf(changed.name, changed.description));
+    EXPECT_EQ(http_->requests()[1].body, documentOf(changed.name, changed.description));
 }
 
 TEST_F(RoleApiTest, LeavesAnEmptyDescriptionOutOfAnUpdate) {
@@ -297,7 +297,7 @@ TEST_F(RoleApiTest, LeavesAnEmptyDescriptionOutOfAnUpdate) {
     changed.description.clear();
     http_->answer(204);
     api_.update_role(changed);
-    EXPECT_EQ(http_->requests[1].body, R"({"data":{"type":"accessControlRole","attributes":{"name":"n"}}})");
+    EXPECT_EQ(http_->requests()[1].body, R"({"data":{"type":"accessControlRole","attributes":{"name":"n"}}})");
 }
 
 TEST_F(RoleApiTest, SendsARoleWithoutALinkToTheRoot) {
@@ -305,7 +305,7 @@ TEST_F(RoleApiTest, SendsARoleWithoutALinkToTheRoot) {
     changed.href.clear();
     http_->answer(204);
     api_.update_role(changed);
-    EXPECT_EQ(http_->requests[1].url, "arkwell");
+    EXPECT_EQ(http_->requests()[1].url, "arkwell");
 }
 
 TEST_F(RoleApiTest, LimitsWhatIsUpdated) {
@@ -324,5 +324,5 @@ TEST_F(RoleApiTest, LimitsWhatIsUpdated) {
 TEST_F(RoleApiTest, DeletesARole) {
     http_->answer(204);
     api_.delete_role_by_id(7);
-    EXPECT_THAT(http_->requests, ElementsAre(HttpRequest{"DELETE", "arkwell/access-control/roles/7", "", ""}));
+    EXPECT_THAT(http_->requests(), ElementsAre(HttpRequest{"DELETE", "arkwell/access-control/roles/7", "", ""}));
 }
