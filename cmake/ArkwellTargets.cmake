@@ -25,7 +25,6 @@ endif()
 if(ARKWELL_COVERAGE)
     target_compile_options(arkwell-build-options
         INTERFACE "$<$<NOT:$<BOOL:$<TARGET_PROPERTY:ARKWELL_TEST>>>:--coverage;-fprofile-update=atomic>")
-    target_compile_definitions(arkwell-build-options INTERFACE ARKWELL_COVERAGE)
     target_link_options(arkwell-build-options INTERFACE --coverage)
 endif()
 # The tests' own code is not optimised and has only what backtraces need: the compiler would take up to three times as

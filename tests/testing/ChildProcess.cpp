@@ -26,11 +26,7 @@ ChildProcess::ChildProcess(const std::function<int()>& run) : pid_(fork()) {
         std::fprintf(stderr, "child process: %s\n", failure.what());
     }
     std::fflush(nullptr);
-#ifdef ARKWELL_COVERAGE
-    exit(status);  // which writes down what was executed
-#else
     _exit(status);
-#endif
 }
 
 ChildProcess::~ChildProcess() {
