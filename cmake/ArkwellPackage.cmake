@@ -1,9 +1,14 @@
-# Installation: the libraries, their headers, the CMake package and the pkg-config files. All of it is relocatable.
+# Installation: the libraries, their headers, the CMake package, the pkg-config files, the commands and the documents. All
+# of it is relocatable. Each component is a Debian package; what names none belongs to development.
 include(CMakePackageConfigHelpers)
 
+set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME development)
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/ArkwellRbac)
 
-install(TARGETS arkwell-platform arkwell-rbac EXPORT ArkwellRbacTargets)
+foreach(name platform rbac)
+    install(TARGETS arkwell-${name} EXPORT ArkwellRbacTargets
+        LIBRARY COMPONENT ${name} NAMELINK_COMPONENT development)
+endforeach()
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h")
 
 install(EXPORT ArkwellRbacTargets NAMESPACE Arkwell:: DESTINATION ${package_dir})
@@ -19,3 +24,13 @@ foreach(name arkwell-platform arkwell-rbac)
     configure_file(${PROJECT_SOURCE_DIR}/cmake/${name}.pc.in ${PROJECT_BINARY_DIR}/${name}.pc @ONLY)
     install(FILES ${PROJECT_BINARY_DIR}/${name}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 endforeach()
+
+set(ARKWELL_INSTALL_DOCDIR ${CMAKE_INSTALL_DATADIR}/doc/arkwell-rbac-doc)
+install(FILES README.md ARCHITECTURE.md SECURITY.md DESTINATION ${ARKWELL_INSTALL_DOCDIR} COMPONENT documentation)
+install(DIRECTORY docs examples DESTINATION ${ARKWELL_INSTALL_DOCDIR} USE_SOURCE_PERMISSIONS COMPONENT documentation
+    PATTERN docs/site EXCLUDE)
+install(DIRECTORY ${PROJECT_BINARY_DIR}/site/html DESTINATION ${ARKWELL_INSTALL_DOCDIR} COMPONENT documentation OPTIONAL)
+
+if(ARKWELL_DEBIAN_PACKAGES)
+    include(packaging/DebianPackages)
+endif()

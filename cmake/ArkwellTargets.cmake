@@ -63,3 +63,11 @@ function(arkwell_add_library)
         VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}
         LINK_DEPENDS ${ARG_SYMBOLS})
 endfunction()
+
+# arkwell_install_command(NAME): with its manual page. Wherever the installation is moved to, it finds its libraries.
+function(arkwell_install_command NAME)
+    file(RELATIVE_PATH library_dir /prefix/${CMAKE_INSTALL_BINDIR} /prefix/${CMAKE_INSTALL_LIBDIR})
+    set_target_properties(${NAME} PROPERTIES INSTALL_RPATH "$ORIGIN/${library_dir}")
+    install(TARGETS ${NAME} COMPONENT tools)
+    install(FILES ${NAME}.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
+endfunction()

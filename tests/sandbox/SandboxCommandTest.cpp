@@ -11,7 +11,10 @@
 #include <sys/stat.h>
 
 #include <filesystem>
+#include <regex>
 #include <set>
+#include <string>
+#include <vector>
 
 // The command rbac-sandbox as people and scripts use it.
 
@@ -52,6 +55,12 @@ protected:
     static int statusOf(const std::string& token) {
         std::set<int> roles;
         return rolesOf(token, roles);
+    }
+
+    /// What the pattern's parentheses match.
+    static std::vector<std::string> found(const std::string& text, const std::string& pattern) {
+        const std::regex expression(pattern);
+        return {std::sregex_token_iterator(text.begin(), text.end(), expression, 1), std::sregex_token_iterator()};
     }
 
     TemporaryDirectory directory_;
@@ -209,4 +218,31 @@ TEST_F(SandboxCommandTest, ExplainsEveryCommandWithAnExample) {
         EXPECT_THAT(succeed(std::string(command) + " --help"), HasSubstr("Example:\n  rbac-sandbox ")) << command;
     }
     EXPECT_THAT(succeed("--help"), StartsWith("Stands in for the product's services"));
+}
+
+TEST_F(SandboxCommandTest, HasEveryCommandAndOptionInItsManual) {
+    // In its source, a hyphen that is not to become a dash has a backslash before it.
+    const std::string manual =
+        std::regex_replace(testing_support::readFile(RBAC_SANDBOX_MANUAL), std::regex(R"(\\-)"), "-");
+    const auto heading = [](const std::string& name) {
+        return testing::ContainsRegex("\n\\.(B|BI|BR) [^\n]*" + name + "([ \"\n])");
+    };
+    std::vector<std::string> pages{""};
+    for (std::size_t i = 0; i < pages.size(); ++i) {
+        const std::string page = pages[i];
+        const std::string help = succeed(page + " --help");
+        for (const std::string& option : found(help, "\n  (?:-.,)?(--[a-z-]+)")) {
+            EXPECT_THAT(manual, heading(option)) << page;
+        }
+        const std::size_t commands = help.find("Subcommands:");
+        if (commands == std::string::npos) {
+            EXPECT_THAT(manual, heading(page));
+            continue;
+        }
+        const std::string before = page.empty() ? "" : page + " ";
+        for (const std::string& command : found(help.substr(commands), "\n  ([a-z-]+) ")) {
+            pages.push_back(before + command);
+        }
+    }
+    EXPECT_THAT(pages, testing::Contains("certificates issue"));
 }
