@@ -15,7 +15,7 @@ struct ErrorKind {
     const char* message;
 };
 
-// docs/sandbox.md lists them for the service's users.
+// docs/status-codes.md lists them for the service's users.
 namespace error_kinds {
 inline constexpr ErrorKind DOCUMENT_MALFORMED{400, 5001, "The document is malformed"};
 inline constexpr ErrorKind NAMESPACE_MALFORMED{400, 5002, "The text is no namespace"};

@@ -1,5 +1,8 @@
 #pragma once
 
+/// @file
+/// A parsed token, and the entry points for programs written in C.
+
 #include <platform/Export.h>
 
 #ifdef __cplusplus
@@ -23,9 +26,13 @@ ARKWELL_EXPORT void extractSubjectNT_C(const char* token, char** subject);
 ///
 /// Mind the order: the second component comes before the first.
 ///
+/// What there is no component for, and everything on failure, which is logged, is left alone, so initialise all to
+/// NULL. The caller releases each copy with free().
+///
 /// @param token text that ends in a NUL.
-/// @param second set to a copy of the second component, and so on, each released by the caller with free(). What there
-/// is no component for, and everything on failure, which is logged, is left alone, so initialise all to NULL.
+/// @param second set to a copy of the second component.
+/// @param first set to a copy of the first component.
+/// @param third set to a copy of the third component.
 ARKWELL_EXPORT void extractSubject_C(const char* token, char** second, char** first, char** third);
 
 #ifdef __cplusplus
@@ -90,12 +97,14 @@ public:
 
     /// Makes an object and calls init().
     ///
+    /// @param token its text.
     /// @param jwt the new object, which the caller deletes; null on failure.
     /// @return what init() returns.
     static int createJWT(std::string token, JWT*& jwt);
 
     /// Whether the claim `is_machine` is exactly the string "true".
     ///
+    /// @param token its text; the signature is not looked at.
     /// @param isMachine false on failure.
     /// @return 0; what init() returns; or 8002: the claim is absent or not a string.
     static int isMachineCheck(const std::string& token, bool& isMachine);

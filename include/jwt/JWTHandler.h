@@ -20,6 +20,7 @@ public:
     /// authorization token.
     ///
     /// @param manager borrowed for the call. Null connects for this one call, which costs far more than the query.
+    /// @param sessionToken as the product's login service issued it.
     /// @param roleIds the ids are added; what was there stays, and so do ids added before a failure.
     /// @return 0; 8002: a token is not genuine or lacks a claim; 8001: the session token has expired; 117: the session
     /// is unknown to the database; 220: the database failed; 7610, 10, 20: a token is malformed.
@@ -27,6 +28,8 @@ public:
 
     /// Verifies the session token and gets its authorization token from the database.
     ///
+    /// @param manager as for getRoleIds().
+    /// @param sessionToken as for getRoleIds().
     /// @param azToken untouched on failure.
     /// @return as getRoleIds().
     int fetchAzToken(Tesmor::Dal::DbConnectionManager* manager, const std::string& sessionToken, std::string& azToken);
@@ -34,6 +37,7 @@ public:
     /// Reads the claim `roles` of an authorization token. The token comes from the database and is trusted: neither its
     /// signature nor its expiry is looked at, so never pass one that came from elsewhere.
     ///
+    /// @param azToken its text.
     /// @param roleIds as for getRoleIds().
     /// @return 0, or 8002, 7610, 10 or 20.
     int extractRoleIds(const std::string& azToken, std::set<int>& roleIds);

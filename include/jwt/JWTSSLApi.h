@@ -22,6 +22,7 @@ public:
 
     /// Decodes base64 text up to its first NUL. What is not base64 is no failure: see `length`.
     ///
+    /// @param encoded the text.
     /// @param decoded an array that the caller deletes, at least one byte longer than what was decoded and zero beyond
     /// it; null on failure.
     /// @param length the bytes decoded. 0 or negative for text that is not base64.
@@ -35,6 +36,7 @@ public:
 
     /// Makes a key from the PEM text of an RSA public key ("PUBLIC KEY").
     ///
+    /// @param pem the text.
     /// @param key the caller releases it with EVP_PKEY_free(). Untouched where the text holds no key, null where memory
     /// runs out after that.
     /// @return 0, or 8007.
@@ -43,6 +45,7 @@ public:
     /// Whether the token carries a valid RSA-SHA256 signature (RS256) by the key. Whatever the token's header declares,
     /// nothing else is accepted.
     ///
+    /// @param jwt the token's text.
     /// @param publicKey PEM text.
     static bool verifyJWTSignature(const std::string& jwt, const std::string& publicKey);
 

@@ -13,6 +13,7 @@ class ARKWELL_EXPORT JWTUtil {
 public:
     /// Splits a token at its two dots into header, payload and signature, all of them base64url text.
     ///
+    /// @param jwt the token's text.
     /// @param parts the three are appended, also where one of them is empty.
     /// @return 0; 8002: not exactly two dots (logged, `parts` unchanged), or an empty segment (not logged).
     static int tokenizeJWT(const std::string& jwt, std::vector<std::string>& parts);

@@ -1,5 +1,8 @@
 #pragma once
 
+/// @file
+/// The queries of the authorization database.
+
 #include <jwt/RBACDbConnectionMgr.h>
 #include <platform/Dal.h>
 #include <platform/Export.h>
@@ -23,6 +26,7 @@ public:
 
     /// Gets the criteria that define which objects of a type the given collections cover.
     ///
+    /// @param collectionKeys the collections; none gives no criteria.
     /// @param objectType text that ends in a NUL.
     /// @param criteria JSON texts are appended, also those read before a failure.
     /// @return 0 (also where there are none), or 220: the database failed.
@@ -43,6 +47,7 @@ public:
 /// logged at debug level 1, by the data-access layer at level 16.
 class ARKWELL_EXPORT RBACDbQueryMgr : public RBACQueryMgr {
 public:
+    /// Asks over this connection, which several of these may share.
     explicit RBACDbQueryMgr(boost::shared_ptr<RBACDbConnectionMgr> connection);
     ~RBACDbQueryMgr() override;
 

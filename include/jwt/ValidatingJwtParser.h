@@ -16,6 +16,7 @@ public:
     RBACJwtParser& operator=(const RBACJwtParser&) = delete;
     virtual ~RBACJwtParser();
 
+    /// @param jwt the token's text.
     /// @param parsed pass null. On success a new object, which the caller deletes.
     /// @return 0, or a status with `parsed` null.
     virtual int parseJwt(const std::string& jwt, JWT*& parsed) = 0;

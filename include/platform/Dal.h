@@ -8,22 +8,23 @@
 #include <string>
 #include <vector>
 
-// The data-access layer: connections to the authorization database over ODBC.
-//
-// The settings file says how to connect (`authDatabase.connectionString`) and what is executed on every new connection
-// (`authDatabase.onConnect`). Functions report failures by statuses (see <platform/Status.h>) and log them with the
-// SQLSTATE and the driver's message, from which credentials and bound values are taken out. Nothing here throws but
-// std::bad_alloc.
-//
-//     Tesmor::Dal::DbConnectionManager manager(1, 2, 0, 1, 30, 15, 40, Tesmor::Dal::USERID_AUTHORIZATION, false);
-//     Tesmor::Dal::SSRGuard guard(&manager);
-//     if (guard.status() != 0) { ... }
-//     Tesmor::Dal::DbConnectionView view(guard.connection());
-//     if (view.status() != 0) { ... }
-//     Tesmor::Dal::ParameterBinder parameters;
-//     parameters.bindInputString(id.c_str(), -3, false);
-//     int status = guard.connection()->Execute(view.view(), "SELECT Name FROM T WHERE Id = ?", parameters.get(),
-//                                              Tesmor::Dal::LOG_AT_VERBOSITY(6), "Caller::function", false, true);
+/// @file
+/// The data-access layer: connections to the authorization database over ODBC.
+///
+/// The settings file says how to connect (`authDatabase.connectionString`) and what is executed on every new connection
+/// (`authDatabase.onConnect`). Functions report failures by statuses (see <platform/Status.h>) and log them with the
+/// SQLSTATE and the driver's message, from which credentials and bound values are taken out. Nothing here throws but
+/// std::bad_alloc.
+///
+///     Tesmor::Dal::DbConnectionManager manager(1, 2, 0, 1, 30, 15, 40, Tesmor::Dal::USERID_AUTHORIZATION, false);
+///     Tesmor::Dal::SSRGuard guard(&manager);
+///     if (guard.status() != 0) { ... }
+///     Tesmor::Dal::DbConnectionView view(guard.connection());
+///     if (view.status() != 0) { ... }
+///     Tesmor::Dal::ParameterBinder parameters;
+///     parameters.bindInputString(id.c_str(), -3, false);
+///     int status = guard.connection()->Execute(view.view(), "SELECT Name FROM T WHERE Id = ?", parameters.get(),
+///                                              Tesmor::Dal::LOG_AT_VERBOSITY(6), "Caller::function", false, true);
 
 namespace Tesmor {
 namespace Dal {
@@ -42,8 +43,9 @@ enum USERID_TYPES : int {
 
 /// The verbosity from which on an executed statement is written to the log.
 struct LOG_AT_VERBOSITY {
+    /// @param number 0 or more.
     LOG_AT_VERBOSITY(int number) : verbosity(number) {}  // NOLINT(google-explicit-constructor): numbers are passed
-    int verbosity;
+    int verbosity;                                       ///< the number
 };
 
 /// A statement on a connection: what is executed and fetched from. Made by DbConnectionView.
@@ -130,9 +132,11 @@ public:
 
     /// Fetches the next row into a buffer.
     ///
+    /// @param view what was executed.
     /// @param rowBuffer written only within the described columns; a NULL becomes 0 or empty text.
     /// @param rowSize of `rowBuffer`, in bytes. Columns that do not lie within it are DATABASE_MISUSED.
     /// @param columns one record for each column, in the order of the SELECT.
+    /// @param columnCount of `columns`.
     /// @param rowsFetched set to 1 or 0; may be null.
     /// @param wholeValues says that a value that does not fit into its column, terminating NUL included, fails the
     /// fetch. It does so without this flag, too: nothing is ever cut short.

@@ -9,22 +9,23 @@ struct HttpMethod;
 struct HttpBody;
 }  // namespace platform_detail
 
-// HTTPS requests to a server of the installation.
-//
-// The settings file (docs/settings.md) names the certificates and the limits of a request; it is looked at again for
-// every request, and so are the files that it names. The server must show a certificate for the host that was asked
-// for, issued by one of "tls.caFile"; no other issuer is trusted, neither the system's. TLS is at least version 1.2.
-// Redirects are not followed, and proxies, .netrc files and cookies are not used.
-//
-// Threads: a client belongs to one thread at a time; any number of clients may be used at once. A factory may be used
-// from any thread.
-//
-// fork: a child may make clients and use those that it inherited; it never uses a connection of its parent. As with any
-// library with locks of its own, that holds of OpenSSL only where no other thread of the parent is inside it at the
-// moment of the fork: a program that has requests under way on other threads should follow fork() by exec.
-//
-// dlclose, exit: the connections that are kept are closed when the library is unloaded or the process calls exit();
-// requests made later than that, by destructors of static objects for example, fail with HTTP_FAILED.
+/// @file
+/// HTTPS requests to a server of the installation.
+///
+/// The settings file (docs/settings.md) names the certificates and the limits of a request; it is looked at again for
+/// every request, and so are the files that it names. The server must show a certificate for the host that was asked
+/// for, issued by one of "tls.caFile"; no other issuer is trusted, neither the system's. TLS is at least version 1.2.
+/// Redirects are not followed, and proxies, .netrc files and cookies are not used.
+///
+/// Threads: a client belongs to one thread at a time; any number of clients may be used at once. A factory may be used
+/// from any thread.
+///
+/// fork: a child may make clients and use those that it inherited; it never uses a connection of its parent. As with
+/// any library with locks of its own, that holds of OpenSSL only where no other thread of the parent is inside it at
+/// the moment of the fork: a program that has requests under way on other threads should follow fork() by exec.
+///
+/// dlclose, exit: the connections that are kept are closed when the library is unloaded or the process calls exit();
+/// requests made later than that, by destructors of static objects for example, fail with HTTP_FAILED.
 
 /// Which certificate a client shows.
 enum cert_type {
@@ -49,16 +50,17 @@ class ARKWELL_EXPORT AWClientCURL_Base {
 public:
     virtual ~AWClientCURL_Base();
 
+    /// Sent again where a kept connection breaks: it means the same sent twice.
     virtual int Put(const std::string& url, const std::string& body) = 0;
-    /// Never sent twice, so that a kept connection that breaks just then is HTTP_CONNECTION_CLOSED. (PUT, GET and
-    /// DELETE mean the same sent twice, and are sent again on a new connection; the answer to a DELETE may then be that
-    /// there is nothing to delete.)
+    /// Never sent twice, so that a kept connection that breaks just then is HTTP_CONNECTION_CLOSED.
     virtual int Post(const std::string& url, const std::string& body) = 0;
     /// Post() of a file's contents, read while they are sent.
     virtual int PostFile(const std::string& url, const std::string& filePath) = 0;
     /// Never sent twice, as Post().
     virtual int Patch(const std::string& url, const std::string& body) = 0;
+    /// Sent again as Put().
     virtual int Get(const std::string& url) = 0;
+    /// Sent again as Put(); the answer may then be that there is nothing to delete.
     virtual int Delete(const std::string& url) = 0;
 
     /// Puts a version into the media type of the requests from now on: "application/vnd.arkwell+json;version=" and
@@ -87,6 +89,9 @@ public:
     ///
     /// @param host a name or an IP address (for IPv6 with or without brackets), which the server's certificate must be
     /// for.
+    /// @param port of the server, 1 to 65535.
+    /// @param session what becomes of the connection.
+    /// @param certificate what the server is shown.
     AWClientCURL(const std::string& host, int port, AWCurlSessionType session, cert_type certificate);
     ~AWClientCURL() override;
 
@@ -111,6 +116,7 @@ private:
 /// Makes clients over libcurl, all with the same certificate.
 class ARKWELL_EXPORT AWClientCURLFactory : public AWClientCURL_BaseFactory {
 public:
+    /// Its clients show this certificate.
     explicit AWClientCURLFactory(cert_type certificate);
     ~AWClientCURLFactory() override;
 

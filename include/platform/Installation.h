@@ -4,9 +4,10 @@
 
 #include <cstddef>
 
-// What the installation's settings file says about this host. The file is read when a setting is first needed and again
-// whenever it has changed; docs/settings.md describes it. Both functions are safe from any thread and throw nothing but
-// std::bad_alloc; every failure is logged.
+/// @file
+/// What the installation's settings file says about this host. The file is read when a setting is first needed and
+/// again whenever it has changed; docs/settings.md describes it. Both functions are safe from any thread and throw
+/// nothing but std::bad_alloc; every failure is logged.
 
 /// Writes the primary server's name, NUL-terminated, into `buffer` of `size` bytes.
 ///

@@ -5,11 +5,12 @@
 #include <functional>
 #include <string>
 
-// The product's log. Levels: 16 errors, 8 recoverable misses, 4 progress, 2 dumps. The settings file says where the log
-// is written and from which level on (see docs/settings.md); without it, levels 8 and 16 go to the standard error
-// stream. One message is always one line: control characters are escaped.
-//
-// Every function here may be called from any thread, also before main() and while the process forks, and none throws.
+/// @file
+/// The product's log. Levels: 16 errors, 8 recoverable misses, 4 progress, 2 dumps. The settings file says where the
+/// log is written and from which level on (see docs/settings.md); without it, levels 8 and 16 go to the standard error
+/// stream. One message is always one line: control characters are escaped.
+///
+/// Every function here may be called from any thread, also before main() and while the process forks, and none throws.
 
 /// Logs `text`. `tag` names the reporting function.
 ARKWELL_EXPORT void logmsg(int level, const char* tag, const char* text);

@@ -1,5 +1,8 @@
 #pragma once
 
+/// @file
+/// Status codes, their messages, and the exception that carries one.
+
 #include <platform/Export.h>
 
 #include <stdexcept>
@@ -15,10 +18,11 @@ ARKWELL_EXPORT std::string getECmsg(int status);
 /// A failure that carries one of the product's status codes. `what()` is getECmsg() of that status.
 class ARKWELL_EXPORT EC_exception : public std::runtime_error {
 public:
+    /// Looks up the message of the code.
     explicit EC_exception(int code);
     ~EC_exception() override;
 
-    int status;
+    int status;  ///< the code
 };
 
 /// The statuses of the platform library itself.

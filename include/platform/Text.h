@@ -4,7 +4,8 @@
 
 #include <string>
 
-// Text helpers. All are safe from any thread and throw nothing but std::bad_alloc. `in` and `out` may be one string.
+/// @file
+/// Text helpers. All are safe from any thread and throw nothing but std::bad_alloc. `in` and `out` may be one string.
 
 /// Percent-encodes `in` for use as one part of a URL's path or query: every byte but the unreserved characters of
 /// RFC 3986 section 2.3 (letters, digits, "-", ".", "_", "~") becomes "%" and two upper-case hexadecimal digits.

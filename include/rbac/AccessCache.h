@@ -1,5 +1,8 @@
 #pragma once
 
+/// @file
+/// An access cache, its manifest and its records.
+
 #include <platform/Export.h>
 #include <platform/FileLock.h>
 #include <rbac/EC_exception.h>
@@ -24,11 +27,11 @@ using NodeBits = std::uint32_t;
 
 /// A record of the objects file: one protected object.
 struct ManagedObject {
-    std::uint32_t writerData;
-    std::uint8_t inherit;  ///< nonzero: the object also takes its access from its ancestors
-    std::uint8_t writerFlags[3];
-    NodeOffset ownRoles;    ///< role tree: rights on the object itself
-    NodeOffset childRoles;  ///< role tree: rights that the object grants to its descendants
+    std::uint32_t writerData;     ///< not looked at
+    std::uint8_t inherit;         ///< nonzero: the object also takes its access from its ancestors
+    std::uint8_t writerFlags[3];  ///< not looked at
+    NodeOffset ownRoles;          ///< role tree: rights on the object itself
+    NodeOffset childRoles;        ///< role tree: rights that the object grants to its descendants
 };
 static_assert(sizeof(ManagedObject) == 16, "a record of the objects file");
 
@@ -36,23 +39,23 @@ static_assert(sizeof(ManagedObject) == 16, "a record of the objects file");
 /// offset of the role's word tree; in a word tree the key is a word index and the payload 32 operation bits.
 template <class Key, class Payload>
 struct TreeNode {
-    std::uint32_t writerData[2];
-    NodeOffset left;
-    NodeOffset right;
-    Key key;
-    Payload payload;
+    std::uint32_t writerData[2];  ///< not looked at
+    NodeOffset left;              ///< the nodes with smaller keys
+    NodeOffset right;             ///< the nodes with larger keys
+    Key key;                      ///< role id or word index
+    Payload payload;              ///< word tree or operation bits
 };
 static_assert(sizeof(TreeNode<int, NodeBits>) == 24, "a record of the nodes file");
 
 /// A record of the segments file: a node of the tree of the segments that may stand at one place of a namespace's text.
 struct SegmentNode {
-    std::uint32_t writerData[2];
-    NodeOffset left;
-    NodeOffset right;
-    std::int32_t key;   ///< segment value
-    NodeOffset object;  ///< the object whose text ends here
-    NodeOffset child;   ///< root of the tree of the segments that may follow
-    std::uint32_t writerTail;
+    std::uint32_t writerData[2];  ///< not looked at
+    NodeOffset left;              ///< the nodes with smaller keys
+    NodeOffset right;             ///< the nodes with larger keys
+    std::int32_t key;             ///< segment value
+    NodeOffset object;            ///< the object whose text ends here
+    NodeOffset child;             ///< root of the tree of the segments that may follow
+    std::uint32_t writerTail;     ///< not looked at
 };
 static_assert(sizeof(SegmentNode) == 32, "a record of the segments file");
 
@@ -196,13 +199,18 @@ public:
     /// Reads `directory`/manifest.json.
     ///
     /// @param name the cache's name, kept as it is.
+    /// @param directory where its files lie.
     /// @throws EC_exception with status 12: the manifest is missing, not JSON, or has no string "namespace" (logged).
     /// boost::bad_lexical_cast: "namespace" holds no namespace.
     Manifest(const std::string& name, const std::string& directory);
 
+    /// The namespace whose objects the cache covers.
     const ObjectNamespace& objectNamespace() const { return objectNamespace_; }
+    /// The cache's name.
     const std::string& name() const { return name_; }
+    /// Where its files lie.
     const std::string& directory() const { return directory_; }
+    /// Of the manifest file, which names the cache's file lock.
     const std::string& path() const { return path_; }
 
 private:
@@ -224,12 +232,12 @@ class ARKWELL_EXPORT AccessCache {
 public:
     class Reader;
 
-    static const std::string MANIFEST_FILE_NAME;
-    static const std::string METADATA_FILE_NAME;
-    static const std::string OBJECT_FILE_NAME;
-    static const std::string NODE_FILE_NAME;
-    static const std::string SEGMENT_FILE_NAME;
-    static const std::string AD_COUNT_FILE_NAME;
+    static const std::string MANIFEST_FILE_NAME;  ///< "manifest.json"
+    static const std::string METADATA_FILE_NAME;  ///< "metadata"
+    static const std::string OBJECT_FILE_NAME;    ///< "objects"
+    static const std::string NODE_FILE_NAME;      ///< "nodes"
+    static const std::string SEGMENT_FILE_NAME;   ///< "segments"
+    static const std::string AD_COUNT_FILE_NAME;  ///< "counts"; nothing here reads it
 
     /// Opens and maps the cache's files.
     ///
@@ -279,7 +287,9 @@ class ARKWELL_EXPORT AccessCache::Reader {
 public:
     /// Takes the cache's lock; AccessCache::lock() is how to call this.
     explicit Reader(const AccessCache& cache);
+    /// Shares the lock of `other`.
     Reader(const Reader& other);
+    /// Lets go of its own lock and shares that of `other`.
     Reader& operator=(const Reader& other);
     ~Reader();
 
@@ -294,10 +304,12 @@ public:
 
     /// Whether the role holds the operation on the object itself.
     bool getOperationBit(const ManagedObject& object, std::int32_t roleId, const Operation& operation) const;
+    /// The same; false for an object that the cache does not hold.
     bool getOperationBit(const ObjectNamespace& ns, std::int32_t roleId, const Operation& operation) const;
 
     /// Whether the role holds the operation on the object's descendants.
     bool getChildOperationBit(const ManagedObject& object, std::int32_t roleId, const Operation& operation) const;
+    /// The same; false for an object that the cache does not hold.
     bool getChildOperationBit(const ObjectNamespace& ns, std::int32_t roleId, const Operation& operation) const;
 
 private:

@@ -68,6 +68,7 @@ public:
     ///
     /// @param db where the user's authorization token is looked up; null uses a connection manager of the library's
     /// own.
+    /// @param sessionToken as the product's login service issued it.
     /// @param operation names the operation to check, for example root_namespaces::operations::VIEW.
     /// @param option carried by the checker; no checker of this library consults it.
     /// @param checker replaced on success.

@@ -1,5 +1,8 @@
 #pragma once
 
+/// @file
+/// Why an operation is allowed or denied.
+
 #include <platform/Export.h>
 #include <rbac/AccessControlClient.h>
 #include <rbac/ObjectNamespace.h>
@@ -37,20 +40,21 @@ struct ARKWELL_EXPORT AccessExplanation {
 
     /// Something that would turn a no into a yes.
     struct Change {
+        /// What it takes.
         enum class Kind {
             HOLD_ROLE,  ///< hold one of `roles`, which are granted the operation at the namespace
             INHERIT     ///< let every one of the namespaces inherit
         };
-        Kind kind = Kind::HOLD_ROLE;
+        Kind kind = Kind::HOLD_ROLE;                ///< what it takes
         std::vector<std::size_t> textLengths = {};  ///< the namespaces, nearest to the object first
         std::vector<int> roles = {};  ///< ascending; for INHERIT those of the caller's that are then granted
     };
 
-    bool allowed = false;
-    Reason reason = Reason::NOBODY_GRANTS;
-    std::vector<int> roles = {};   ///< the roles that were asked for, ascending
-    std::string operation = {};    ///< the operation's text
-    std::string object = {};       ///< the object's text
+    bool allowed = false;                   ///< the answer
+    Reason reason = Reason::NOBODY_GRANTS;  ///< what brought it
+    std::vector<int> roles = {};            ///< the roles that were asked for, ascending
+    std::string operation = {};             ///< the operation's text
+    std::string object = {};                ///< the object's text
     std::vector<Step> steps = {};  ///< from the object upwards to where the walk ended, with what the cache lacks
 
     /// The text of a namespace on the way.
@@ -68,6 +72,10 @@ struct ARKWELL_EXPORT AccessExplanation {
 ///         writeChanges(std::cerr, why, whatWouldAllow(*client, why));
 ///     }
 ///
+/// @param client whose cache is asked.
+/// @param roleIds the roles that the user has.
+/// @param operation what the user wants to do.
+/// @param object to what.
 /// @param explanation replaced on success.
 /// @return 0, or the status with which createAccessChecker() would fail; `explanation` is then untouched.
 /// @throws what AccessChecker::checkAccess() throws; std::invalid_argument for a client that is a program's own.

@@ -1,5 +1,8 @@
 #pragma once
 
+/// @file
+/// Answers for many objects at once.
+
 #include <platform/Export.h>
 #include <rbac/AccessControlClient.h>
 #include <rbac/ObjectNamespace.h>

@@ -1,5 +1,8 @@
 #pragma once
 
+/// @file
+/// Whether the files of an access cache are sound.
+
 #include <platform/Export.h>
 
 #include <cstdint>
@@ -27,8 +30,8 @@ using OnCacheFault = std::function<bool(const CacheFault&)>;
 
 /// What a file of records holds. Record 0, which nothing can refer to, is not counted.
 struct CacheFileStatistics {
-    std::uint64_t bytes = 0;
-    std::uint64_t records = 0;
+    std::uint64_t bytes = 0;    ///< the file's size
+    std::uint64_t records = 0;  ///< how many it has room for
     std::uint64_t reached = 0;  ///< those that a lookup can come to
     std::uint64_t free = 0;     ///< those that nothing leads to, and that are all zeros
 
@@ -38,10 +41,10 @@ struct CacheFileStatistics {
 
 /// What the metadata of the sandbox's writer say of a publication.
 struct CachePublication {
-    std::uint64_t number = 0;
-    std::int64_t publishedAt = 0;  ///< nanoseconds since the epoch
-    std::uint64_t objectCount = 0;
-    std::uint64_t grantCount = 0;
+    std::uint64_t number = 0;       ///< counted from 1
+    std::int64_t publishedAt = 0;   ///< nanoseconds since the epoch
+    std::uint64_t objectCount = 0;  ///< how many objects were published
+    std::uint64_t grantCount = 0;   ///< how many grants they had
 };
 
 /// What an access cache holds.
@@ -50,12 +53,12 @@ struct CacheStatistics {
     bool complete = true;      ///< false: it was told to look no further, and the figures are those up to there
     bool locked = false;       ///< whether the cache's file lock was held meanwhile
 
-    std::string namespaceText;  ///< from the manifest; empty where that is no good
-    bool writing = false;       ///< the writing flag
-    std::uint64_t metadataBytes = 0;
-    CacheFileStatistics objects;
-    CacheFileStatistics nodes;
-    CacheFileStatistics segments;
+    std::string namespaceText;        ///< from the manifest; empty where that is no good
+    bool writing = false;             ///< the writing flag
+    std::uint64_t metadataBytes = 0;  ///< the size of the file "metadata"
+    CacheFileStatistics objects;      ///< the protected objects
+    CacheFileStatistics nodes;        ///< the nodes of role trees and word trees
+    CacheFileStatistics segments;     ///< the nodes of segment trees
 
     std::uint64_t inheriting = 0;      ///< objects that take access from their ancestors as well
     std::uint64_t notInheriting = 0;   ///< objects that do not
@@ -68,18 +71,18 @@ struct CacheStatistics {
     std::uint64_t operations = 0;  ///< different operation numbers that some role holds
 
     std::uint64_t segmentTreeDepth = 0;  ///< nodes on the longest way from a root to a leaf
-    std::uint64_t roleTreeDepth = 0;
-    std::uint64_t wordTreeDepth = 0;
+    std::uint64_t roleTreeDepth = 0;     ///< the same of role trees
+    std::uint64_t wordTreeDepth = 0;     ///< the same of word trees
 
     std::optional<CachePublication> publication;  ///< none: the metadata are another writer's
 };
 
 /// The contents of a cache's files. One that is not there could not be read: what it would hold is not judged.
 struct CacheBytes {
-    std::optional<std::string_view> metadata;
-    std::optional<std::string_view> objects;
-    std::optional<std::string_view> nodes;
-    std::optional<std::string_view> segments;
+    std::optional<std::string_view> metadata;  ///< the file "metadata"
+    std::optional<std::string_view> objects;   ///< the file "objects"
+    std::optional<std::string_view> nodes;     ///< the file "nodes"
+    std::optional<std::string_view> segments;  ///< the file "segments"
 };
 
 /// Looks at every record of an access cache and reports what is not sound. Where there is no fault, no lookup leaves

@@ -1,5 +1,8 @@
 #pragma once
 
+/// @file
+/// Managed objects and the access that is defined on them.
+
 #include <platform/Export.h>
 #include <rbac/BaseAPI.h>
 #include <rbac/ManagedObjectState.h>
@@ -22,18 +25,24 @@ namespace Rbac {
 /// converts it to and from text.
 class ARKWELL_EXPORT Propagation {
 public:
+    /// What it can be.
     enum enum_type {
         OBJECT = 0,              ///< the object itself
         CHILDREN = 1,            ///< its descendants, as far as they inherit
         OBJECT_AND_CHILDREN = 2  ///< both
     };
 
+    /// OBJECT.
     Propagation() = default;
-    Propagation(enum_type value) : value_(value) {}  // NOLINT(google-explicit-constructor): it stands for the value
+    /// Stands for the value.
+    Propagation(enum_type value) : value_(value) {}  // NOLINT(google-explicit-constructor): one is as good as the other
 
+    /// What it is.
     enum_type value() const { return value_; }
 
+    /// Whether both are the same.
     friend bool operator==(const Propagation& a, const Propagation& b) { return a.value_ == b.value_; }
+    /// Whether they differ.
     friend bool operator!=(const Propagation& a, const Propagation& b) { return !(a == b); }
 
 private:
@@ -44,10 +53,12 @@ private:
 ///
 /// @throws std::invalid_argument for a value that is none of the three.
 ARKWELL_EXPORT std::ostream& operator<<(std::ostream& out, Propagation::enum_type value);
+/// The same.
 ARKWELL_EXPORT std::ostream& operator<<(std::ostream& out, const Propagation& propagation);
 
 /// Reads one word; any but the three names sets the stream's fail state and leaves the value as it was.
 ARKWELL_EXPORT std::istream& operator>>(std::istream& in, Propagation::enum_type& value);
+/// The same.
 ARKWELL_EXPORT std::istream& operator>>(std::istream& in, Propagation& propagation);
 
 /// A managed object as the service describes it.
@@ -59,10 +70,10 @@ struct ARKWELL_EXPORT ManagedObjectResource {
     /// PENDING. Both are logged. boost::bad_lexical_cast: its id is no namespace.
     explicit ManagedObjectResource(const json_t* resource);
 
-    std::string href;  ///< always empty
-    ObjectNamespace objectNamespace;
-    int inherit = 0;  ///< 1: access is also taken from the ancestors; 0: it is not
-    ManagedObjectState state = READY;
+    std::string href;                  ///< always empty
+    ObjectNamespace objectNamespace;   ///< its name
+    int inherit = 0;                   ///< 1: access is also taken from the ancestors; 0: it is not
+    ManagedObjectState state = READY;  ///< READY or PENDING
 };
 
 /// A grant on a managed object, as the service describes it.
@@ -74,12 +85,12 @@ struct ARKWELL_EXPORT AccessDefinition {
     /// be. Both are logged. boost::bad_lexical_cast: a namespace, the propagation or the role's id is not one.
     explicit AccessDefinition(const json_t* resource);
 
-    std::string href;  ///< its own link, below the service's root; empty where the service gave none
-    std::string id;
-    Propagation propagation;
-    int roleId = 0;  ///< to whom
-    std::list<ObjectNamespace> operations;
-    ObjectNamespace managedObject;
+    std::string href;         ///< its own link, below the service's root; empty where the service gave none
+    std::string id;           ///< what delete_access_definition_by_id() takes
+    Propagation propagation;  ///< on what it holds
+    int roleId = 0;           ///< to whom
+    std::list<ObjectNamespace> operations;  ///< what is granted
+    ObjectNamespace managedObject;          ///< where it is defined
 };
 
 /// The client of the service's managed objects and of the access that is defined on them.
@@ -88,9 +99,12 @@ struct ARKWELL_EXPORT AccessDefinition {
 /// form. Several threads may use one object at once.
 class ARKWELL_EXPORT ManagedObjectAPI : public BaseAPI {
 public:
+    /// As BaseAPI's.
     ManagedObjectAPI();
+    /// As BaseAPI's.
     explicit ManagedObjectAPI(boost::shared_ptr<AWClientCURL_BaseFactory> factory);
 
+    /// Gets an object, READY or PENDING.
     ManagedObjectResource get_object(const ObjectNamespace& ns);
 
     /// Says whether the object also takes its access from its ancestors.
@@ -101,6 +115,9 @@ public:
 
     /// Grants operations on the object to a role.
     ///
+    /// @param ns the object.
+    /// @param role only its id counts.
+    /// @param propagation whether it holds for the object, its descendants or both.
     /// @param operations an array of objects with an "id", the operation's namespace as text, and the "type"
     /// "accessControlOperation". Shared for the call.
     /// @return the definition as the service has it now.
@@ -109,6 +126,9 @@ public:
     AccessDefinition add_access_definition(const ObjectNamespace& ns, const Role& role, Propagation propagation,
                                            boost::shared_ptr<json_t> operations);
 
+    /// Takes a grant back.
+    ///
+    /// @param ns the object.
     /// @param id as AccessDefinition has it; it becomes part of the URL as it is.
     void delete_access_definition_by_id(const ObjectNamespace& ns, const std::string& id);
 };

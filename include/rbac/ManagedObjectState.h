@@ -1,5 +1,8 @@
 #pragma once
 
+/// @file
+/// The states of a registration.
+
 #include <platform/Export.h>
 
 #include <string>
@@ -15,10 +18,12 @@ enum ManagedObjectState : int {
     DELETED = 2   ///< gone, with its access definitions
 };
 
-// The states as the service's documents name them.
-ARKWELL_EXPORT extern const std::string READY_STR;
-ARKWELL_EXPORT extern const std::string PENDING_STR;
-ARKWELL_EXPORT extern const std::string DELETED_STR;
+/// @name The states as the service's documents name them
+/// @{
+ARKWELL_EXPORT extern const std::string READY_STR;    ///< "READY"
+ARKWELL_EXPORT extern const std::string PENDING_STR;  ///< "PENDING"
+ARKWELL_EXPORT extern const std::string DELETED_STR;  ///< "DELETED"
+/// @}
 
 }  // namespace Rbac
 }  // namespace Arkwell

@@ -1,5 +1,8 @@
 #pragma once
 
+/// @file
+/// The names of objects and operations.
+
 #include <platform/Export.h>
 
 #include <boost/optional.hpp>
@@ -30,6 +33,9 @@ class ARKWELL_EXPORT ObjectNamespace {
 public:
     /// The root.
     ObjectNamespace();
+    /// @name From components
+    /// @{
+
     /// A path of one to six components. Each argument becomes one component as it is: nothing is split or decoded.
     ObjectNamespace(const std::string& c1);  // NOLINT(google-explicit-constructor): a component is a namespace
     ObjectNamespace(const std::string& c1, const std::string& c2);
@@ -39,12 +45,16 @@ public:
                     const std::string& c5);
     ObjectNamespace(const std::string& c1, const std::string& c2, const std::string& c3, const std::string& c4,
                     const std::string& c5, const std::string& c6);
+    /// @}
 
+    /// Copies the components, and the text where it has been computed.
     ObjectNamespace(const ObjectNamespace&) = default;
-    ObjectNamespace(ObjectNamespace&&) = default;
+    /// Leaves `other` valid, with any components.
+    ObjectNamespace(ObjectNamespace&& other) = default;
     /// Where it throws, this namespace is unchanged.
     ObjectNamespace& operator=(const ObjectNamespace& other);
-    ObjectNamespace& operator=(ObjectNamespace&&) = default;
+    /// Leaves `other` valid, with any components.
+    ObjectNamespace& operator=(ObjectNamespace&& other) = default;
 
     /// Whether this is the root.
     bool is_root() const;
@@ -84,6 +94,7 @@ private:
 
 /// Whether both have the same components, byte for byte.
 ARKWELL_EXPORT bool operator==(const ObjectNamespace& left, const ObjectNamespace& right);
+/// Whether they differ.
 inline bool operator!=(const ObjectNamespace& left, const ObjectNamespace& right) {
     return !(left == right);
 }
@@ -106,21 +117,21 @@ ARKWELL_EXPORT int namespaceToString(const ObjectNamespace& ns, std::string& out
 /// The namespaces at the top of every installation, and the operations that every installation knows. Their texts are
 /// computed when the library is loaded, so any thread may use them.
 namespace root_namespaces {
-ARKWELL_EXPORT extern const ObjectNamespace ARKWELL;
-ARKWELL_EXPORT extern const ObjectNamespace SECURITY;
-ARKWELL_EXPORT extern const ObjectNamespace MANAGE;
-ARKWELL_EXPORT extern const ObjectNamespace PROTECTION;
-ARKWELL_EXPORT extern const ObjectNamespace STORAGE;
-ARKWELL_EXPORT extern const ObjectNamespace DEPLOYMENT;
-ARKWELL_EXPORT extern const ObjectNamespace OBJECT_TYPES;
-ARKWELL_EXPORT extern const ObjectNamespace ASSETS;
+ARKWELL_EXPORT extern const ObjectNamespace ARKWELL;       ///< ("ARKWELL")
+ARKWELL_EXPORT extern const ObjectNamespace SECURITY;      ///< ("SECURITY")
+ARKWELL_EXPORT extern const ObjectNamespace MANAGE;        ///< ("MANAGE")
+ARKWELL_EXPORT extern const ObjectNamespace PROTECTION;    ///< ("PROTECTION")
+ARKWELL_EXPORT extern const ObjectNamespace STORAGE;       ///< ("STORAGE")
+ARKWELL_EXPORT extern const ObjectNamespace DEPLOYMENT;    ///< ("DEPLOYMENT")
+ARKWELL_EXPORT extern const ObjectNamespace OBJECT_TYPES;  ///< ("OBJECT_TYPES")
+ARKWELL_EXPORT extern const ObjectNamespace ASSETS;        ///< ("ASSETS")
 
 namespace operations {
-ARKWELL_EXPORT extern const ObjectNamespace VIEW;
-ARKWELL_EXPORT extern const ObjectNamespace ADD;
-ARKWELL_EXPORT extern const ObjectNamespace UPDATE;
-ARKWELL_EXPORT extern const ObjectNamespace DELETE_NS;  ///< ("OPERATIONS", "DELETE")
-ARKWELL_EXPORT extern const ObjectNamespace MANAGE_ACCESS;
+ARKWELL_EXPORT extern const ObjectNamespace VIEW;           ///< ("OPERATIONS", "VIEW")
+ARKWELL_EXPORT extern const ObjectNamespace ADD;            ///< ("OPERATIONS", "ADD")
+ARKWELL_EXPORT extern const ObjectNamespace UPDATE;         ///< ("OPERATIONS", "UPDATE")
+ARKWELL_EXPORT extern const ObjectNamespace DELETE_NS;      ///< ("OPERATIONS", "DELETE")
+ARKWELL_EXPORT extern const ObjectNamespace MANAGE_ACCESS;  ///< ("OPERATIONS", "MANAGE_ACCESS")
 }  // namespace operations
 }  // namespace root_namespaces
 

@@ -1,5 +1,8 @@
 #pragma once
 
+/// @file
+/// Registration of objects in two phases.
+
 #include <platform/Export.h>
 #include <platform/HttpClient.h>
 #include <rbac/ManagedObjectState.h>
@@ -21,12 +24,13 @@ namespace Rbac {
 
 /// One object to register.
 struct ARKWELL_EXPORT ObjectRegistrationData {
+    /// Sets the members of the same names.
     ObjectRegistrationData(ObjectNamespace objectNamespace, std::string objectType,
                            boost::shared_ptr<json_t> accessControlAttributes,
                            std::list<ObjectNamespace> relativeChildNamespaces, bool ignoreAlreadyRegistered);
 
-    ObjectNamespace objectNamespace;
-    std::string objectType;
+    ObjectNamespace objectNamespace;  ///< its name
+    std::string objectType;           ///< sent as it is
     /// Whose access the object starts with, as the service defines it. Sent as it is.
     boost::shared_ptr<json_t> accessControlAttributes;
     /// Objects to register with this one, named relative to it.
@@ -122,12 +126,14 @@ public:
     /// Registers an object with its children.
     ///
     /// @param data its access-control attributes must be there.
+    /// @param callback makes the object.
     virtual int registerObject(boost::shared_ptr<ObjectRegistrationData> data,
                                boost::shared_ptr<ObjectRegistrationCallback> callback) = 0;
 
     /// Removes an object from the service, after the callback has removed it.
     ///
     /// @param ns not the root.
+    /// @param callback removes the object.
     virtual int unregisterObject(const ObjectNamespace& ns,
                                  boost::shared_ptr<ObjectUnregistrationCallback> callback) = 0;
 
@@ -174,19 +180,25 @@ enum HttpRequestType : int {
 ///     }
 class ARKWELL_EXPORT DefaultObjectRegistrationService : public ObjectRegistrationService {
 public:
-    // The service's resources, below its root.
-    static const std::string OBJECT_REGISTRATION_URI;
-    static const std::string BULK_OBJECT_REGISTRATION_URI;
-    static const std::string BULK_OBJECT_UPDATE_URI;
-    static const std::string MANAGED_OBJECT_URI;
+    /// @name The service's resources, below its root.
+    /// @{
+    static const std::string OBJECT_REGISTRATION_URI;       ///< registers an object with its children
+    static const std::string BULK_OBJECT_REGISTRATION_URI;  ///< registers any number of objects
+    static const std::string BULK_OBJECT_UPDATE_URI;        ///< sets the states of any number of objects
+    static const std::string MANAGED_OBJECT_URI;            ///< one object; its encoded text follows
+    /// @}
 
-    // The media types of the service's interface in the version that this class speaks.
-    static const std::string JSON_MEDIA_TYPE;
-    static const std::string OCTET_STREAM_MEDIA_TYPE;
+    /// @name The media types of the service's interface in the version that this class speaks.
+    /// @{
+    static const std::string JSON_MEDIA_TYPE;          ///< of documents
+    static const std::string OCTET_STREAM_MEDIA_TYPE;  ///< of bytes
+    /// @}
 
+    /// The same name within the class.
     using HttpRequestType = Rbac::HttpRequestType;
     /// An object, and the objects that its registration made: itself and its children, save those that were there.
     using RegisteredNamespaces = std::pair<ObjectNamespace, std::list<ObjectNamespace> >;
+    /// The same for each object of a bulk registration.
     using BulkRegisteredNamespaces = std::map<ObjectNamespace, std::list<ObjectNamespace> >;
 
     /// Talks to the primary server with the host's certificate.
@@ -211,28 +223,39 @@ public:
     /// Sends one request.
     ///
     /// @param type of any other value nothing is sent.
+    /// @param url below the service's root.
     /// @param payload the body; a DELETE has none.
     /// @param response set to the answer's body on success.
     /// @throws EC_exception with the transport's status or the service's "errorCode"; 9103 where a failure has none.
     void sendHttpRequest(HttpRequestType type, const std::string& url, const std::string& payload,
                          std::string& response);
+    /// The same where the answer's body does not matter.
     void sendHttpRequest(HttpRequestType type, const std::string& url, const std::string& payload);
 
-    // The bodies of the requests, each whole or not made. They throw boost::bad_lexical_cast for a namespace without a
-    // text form, std::bad_alloc, or a pointer to one, where memory runs out, std::bad_alloc also for what is no JSON
-    // (an object type that is not UTF-8), and std::invalid_argument for an empty pointer.
+    /// @name The bodies of the requests
+    /// Each whole or not made. They throw boost::bad_lexical_cast for a namespace without a text form, std::bad_alloc,
+    /// or a pointer to one, where memory runs out, std::bad_alloc also for what is no JSON (an object type that is not
+    /// UTF-8), and std::invalid_argument for an empty pointer.
+    /// @{
 
+    /// One object with its new state.
     static boost::shared_ptr<json_t> buildNamespaceStatePair(const ObjectNamespace& ns, const std::string& state);
+    /// Objects with their new states.
     static boost::shared_ptr<json_t> buildBulkStateUpdateRequest(const std::list<ObjectNamespace>& ready,
                                                                  const std::list<ObjectNamespace>& pending,
                                                                  const std::list<ObjectNamespace>& deleted);
+    /// One object to register, as a part of a request.
     static boost::shared_ptr<json_t> buildRegistrationJSON(const boost::shared_ptr<ObjectRegistrationData>& data);
+    /// The registration of one object.
     static boost::shared_ptr<json_t> buildRegistrationRequest(const boost::shared_ptr<ObjectRegistrationData>& data);
+    /// The registration of any number of objects.
     static boost::shared_ptr<json_t> buildBulkRegistrationRequest(
         const std::list<boost::shared_ptr<ObjectRegistrationData> >& data);
+    /// @}
 
-    // What the answers say. They throw EC_exception 9103, which is logged, and boost::bad_lexical_cast for an id that
-    // is no namespace.
+    /// @name What the answers say
+    /// They throw EC_exception 9103, which is logged, and boost::bad_lexical_cast for an id that is no namespace.
+    /// @{
 
     /// @param object one registered object, borrowed for the call.
     static RegisteredNamespaces extractRegisteredNamespaces(const json_t* object);
@@ -243,6 +266,7 @@ public:
     static BulkRegisteredNamespaces extractBulkRegisteredNamespaces(const std::string& body);
     /// @param body as above. Its memory is released before the objects are read.
     static BulkRegisteredNamespaces extractBulkRegisteredNamespaces(std::string&& body);
+    /// @}
 
 private:
     int port_;

@@ -16,7 +16,9 @@ namespace Rbac {
 /// The client of the service's operations: what can be granted. Several threads may use one object at once.
 class ARKWELL_EXPORT OperationAPI : public BaseAPI {
 public:
+    /// As BaseAPI's.
     OperationAPI();
+    /// As BaseAPI's.
     explicit OperationAPI(boost::shared_ptr<AWClientCURL_BaseFactory> factory);
 
     /// Lists operations, in the service's order.

@@ -20,8 +20,10 @@ namespace Rbac {
 /// An operation as the access cache knows it: the number of its bit in the cache's operation words.
 class ARKWELL_EXPORT Operation {
 public:
+    /// @param bitNumber 0 or more.
     explicit Operation(std::int32_t bitNumber) : bitNumber_(bitNumber) {}
 
+    /// Counted over all words of an operation tree: bit n % 32 of word n / 32.
     std::int32_t bitNumber() const { return bitNumber_; }
 
 private:

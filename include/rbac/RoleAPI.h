@@ -23,10 +23,10 @@ struct ARKWELL_EXPORT Role {
     /// role can have. Both are logged.
     explicit Role(const json_t* resource);
 
-    std::string href;  ///< its own link, below the service's root; empty where the service gave none
-    int id = 0;        ///< never negative
-    std::string name;
-    std::string description;
+    std::string href;            ///< its own link, below the service's root; empty where the service gave none
+    int id = 0;                  ///< never negative
+    std::string name;            ///< 1 to 256 bytes
+    std::string description;     ///< at most 256 bytes
     bool systemDefined = false;  ///< made by the system, not to be deleted or renamed
 };
 
@@ -41,7 +41,9 @@ struct ARKWELL_EXPORT Role {
 /// threads may use one object at once.
 class ARKWELL_EXPORT RoleAPI : public BaseAPI {
 public:
+    /// As BaseAPI's.
     RoleAPI();
+    /// As BaseAPI's.
     explicit RoleAPI(boost::shared_ptr<AWClientCURL_BaseFactory> factory);
 
     /// Lists roles, in the service's order.
@@ -49,6 +51,7 @@ public:
     /// @param filter in the service's syntax; empty for all.
     std::list<Role> get_roles(const std::string& filter);
 
+    /// Gets one role.
     Role get_role(int id);
 
     /// Creates a role and gives it as the service has it now.
@@ -65,6 +68,7 @@ public:
     /// @throws as create_role().
     void update_role(const Role& role);
 
+    /// Deletes a role that no access definition refers to.
     void delete_role_by_id(int id);
 };
 

@@ -15,13 +15,15 @@ namespace platform_testing {
 
 /// A message that was logged.
 struct LogLine {
-    int level;
-    std::string tag;
-    std::string message;
+    int level;            ///< 16, 8, 4 or 2
+    std::string tag;      ///< names the reporting function
+    std::string message;  ///< as it would be logged, not escaped
 
+    /// Whether all members are the same.
     friend bool operator==(const LogLine& a, const LogLine& b) {
         return a.level == b.level && a.tag == b.tag && a.message == b.message;
     }
+    /// For the messages of tests.
     friend std::ostream& operator<<(std::ostream& out, const LogLine& line) {
         return out << line.level << " [" << line.tag << "] " << line.message;
     }

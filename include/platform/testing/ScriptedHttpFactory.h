@@ -23,9 +23,11 @@ struct HttpRequest {
     std::string body;        ///< of PostFile() the file's path; the file is not read
     std::string apiVersion;  ///< what setApiVersion() was last given
 
+    /// Whether all members are the same.
     friend bool operator==(const HttpRequest& a, const HttpRequest& b) {
         return a.method == b.method && a.url == b.url && a.body == b.body && a.apiVersion == b.apiVersion;
     }
+    /// For the messages of tests.
     friend std::ostream& operator<<(std::ostream& out, const HttpRequest& request) {
         return out << request.method << " " << request.url << " [" << request.apiVersion << "] " << request.body;
     }
@@ -33,9 +35,9 @@ struct HttpRequest {
 
 /// What a client was made for.
 struct HttpServer {
-    std::string host;
-    int port = 0;
-    AWCurlSessionType session = SESSION_NONE;
+    std::string host;                          ///< its name
+    int port = 0;                              ///< its port
+    AWCurlSessionType session = SESSION_NONE;  ///< what becomes of the connection
 };
 
 /// Makes clients that give the answers of a script and remember what they were asked.
@@ -97,9 +99,11 @@ public:
     /// The answers to the requests of this method, as HttpRequest has it, for this URL.
     Answers on(const std::string& method, const std::string& url) { return {*state_, keyOf(method, url)}; }
 
-    // The answers to whatever comes, for which there is no answer of its own.
+    /// Answers::answer() to whatever comes, for which there is no answer of its own.
     void answer(long httpStatus, const std::string& body = "") { Answers(*state_, "").answer(httpStatus, body); }
+    /// Answers::fail() in the same way.
     void fail(int transportStatus) { Answers(*state_, "").fail(transportStatus); }
+    /// Answers::raise() in the same way.
     template <class Thrown>
     void raise(const Thrown& thrown) {
         Answers(*state_, "").raise(thrown);
@@ -116,6 +120,7 @@ public:
     std::vector<HttpRequest> requests() const {
         return lookAtRequests([](const std::vector<HttpRequest>& all) { return all; });
     }
+    /// requests() begins anew.
     void forgetRequests() {
         const std::lock_guard<std::mutex> lock(state_->mutex);
         state_->requests.clear();

@@ -42,21 +42,21 @@ namespace Rbac {
 /// Every function may be called from any thread, also while others check.
 class FakeAccessControlClient : public AccessControlClient {
 public:
-    static constexpr int UNKNOWN_SESSION = 117;
+    static constexpr int UNKNOWN_SESSION = 117;  ///< the status of a session that was never named
 
     /// A call of createAccessChecker().
     struct Creation {
-        std::string sessionToken;  ///< empty where roles were given
-        std::set<int> roleIds;     ///< those given, or those of the session
-        ObjectNamespace operation;
-        int option;
-        int status;  ///< what it returned
+        std::string sessionToken;   ///< empty where roles were given
+        std::set<int> roleIds;      ///< those given, or those of the session
+        ObjectNamespace operation;  ///< as it was given
+        int option;                 ///< as it was given
+        int status;                 ///< what it returned
     };
     /// A call of AccessChecker::checkAccess().
     struct Check {
-        std::set<int> roleIds;
-        ObjectNamespace operation;
-        ObjectNamespace object;
+        std::set<int> roleIds;      ///< those of the checker
+        ObjectNamespace operation;  ///< that of the checker
+        ObjectNamespace object;     ///< what was asked about
     };
 
     /// The session's token gives these roles from now on. A token that was never named has the status UNKNOWN_SESSION.
@@ -70,6 +70,7 @@ public:
         state_->sessions[sessionToken] = {status, {}};
     }
 
+    /// The role holds the operation on that very object from now on.
     void grant(int roleId, const ObjectNamespace& operation, const ObjectNamespace& object) {
         const std::lock_guard<std::mutex> lock(state_->mutex);
         state_->grants.insert({roleId, operation, object});

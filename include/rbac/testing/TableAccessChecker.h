@@ -31,7 +31,9 @@ public:
     /// @param otherwise the answer for objects that the table does not name.
     explicit TableAccessChecker(bool otherwise = false) : otherwise_(otherwise) {}
 
+    /// Checks of this object are answered with yes.
     TableAccessChecker& allow(const ObjectNamespace& object) { return set(object, {true, {}}); }
+    /// Checks of this object are answered with no.
     TableAccessChecker& deny(const ObjectNamespace& object) { return set(object, {false, {}}); }
     /// Checks of this object throw a copy of this, such as EC_exception(12), an access cache that cannot be used.
     template <class Thrown>
