@@ -60,6 +60,7 @@ function(arkwell_add_library)
     endif()
     set_target_properties(${ARG_NAME} PROPERTIES
         EXPORT_NAME ${ARG_EXPORT_NAME}
+        INSTALL_RPATH "$ORIGIN"
         VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}
         LINK_DEPENDS ${ARG_SYMBOLS})
 endfunction()
