@@ -2,6 +2,7 @@
 #include "ServiceProcess.h"
 #include "rbac/rest/Rbac2Json.h"
 #include "testing/ChildProcess.h"
+#include "testing/Sanitized.h"
 
 #include <rbac/AccessControlClient.h>
 #include <rbac/ManagedObjectAPI.h>
@@ -37,11 +38,7 @@
 // One process administers a service through the typed clients, another one checks through the library. Whatever the
 // first changes decides the second's next check, as the rules have it.
 
-#if defined(__SANITIZE_ADDRESS__)
-constexpr unsigned MODELS = 60;
-#else
-constexpr unsigned MODELS = 500;
-#endif
+constexpr unsigned MODELS = testing_support::SANITIZED ? 60 : 500;
 
 using namespace Tesmor::Arkwell::Rbac;
 using testing_support::ChildProcess;

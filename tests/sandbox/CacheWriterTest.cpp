@@ -585,7 +585,7 @@ TEST_F(CacheInterruption, KilledPublicationLeavesTheOldCacheOrTheNewOneOrNone) {
 }
 
 TEST_F(CacheInterruption, KilledShrinkingPublicationLeavesTheOldCacheOrTheNewOneOrNone) {
-    const Contents large = contentsOf(4000, 3);
+    const Contents large = contentsOf(1000, 3);
     const auto found = interruptEverywhere([&] { publish(large); }, large, small,
                                            [this](const Contents& c, unsigned step) { return killedAt(c, step); });
     expectInThisOrder(found, 3, 10, 2);

@@ -1,6 +1,7 @@
 #include "rbac/enforcement/AlternatingPolicies.h"
 #include "testing/ChildProcess.h"
 #include "testing/ProcessState.h"
+#include "testing/Sanitized.h"
 #include "testing/SharedMemory.h"
 #include "testing/Soak.h"
 
@@ -16,11 +17,7 @@
 
 // Processes that check on several threads, while a writer alternates two policies that contradict each other.
 
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
-constexpr std::chrono::seconds IN_CHECK{5};
-#else
-constexpr std::chrono::seconds IN_CHECK{20};
-#endif
+constexpr std::chrono::seconds IN_CHECK{testing_support::lessIfSanitized(20)};
 
 using std::chrono::steady_clock;
 using testing_support::AlternatingPolicies;

@@ -61,7 +61,7 @@ namespace operations = Tesmor::Arkwell::Rbac::root_namespaces::operations;
 
 namespace {
 
-constexpr std::chrono::seconds IN_CHECK{20};
+constexpr std::chrono::seconds IN_CHECK{10};
 constexpr double SMALLEST_LEAK = 100;  // bytes an operation
 
 // How much of each kind is done in a round. Of none so little that its leak would be lost among the rest.

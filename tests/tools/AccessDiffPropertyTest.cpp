@@ -1,5 +1,6 @@
 #include "rbac/enforcement/DiskAccessChecker.h"
 #include "testing/RawCache.h"
+#include "testing/Sanitized.h"
 #include "testing/TemporaryDirectory.h"
 #include "tools/AccessDiff.h"
 
@@ -33,6 +34,7 @@ using Tesmor::Arkwell::Tools::diffAccess;
 using Tesmor::Arkwell::Tools::DiffForm;
 using Tesmor::Arkwell::Tools::DiffSummary;
 using testing_support::Grants;
+using testing_support::lessIfSanitized;
 using testing_support::RawCache;
 using testing_support::TemporaryDirectory;
 
@@ -402,19 +404,21 @@ Differences checkPairs(unsigned firstSeed, int count, MakeAfter makeAfter) {
 }  // namespace
 
 TEST(AccessDiffPropertyTest, CachesThatDifferInAFewThingsAreComparedAsByCheckers) {
-    const Differences found = checkPairs(1, 400, [](const Model& before, Dice& dice) { return dice.changed(before); });
-    EXPECT_GT(found.inObjects, 200);
-    EXPECT_GT(found.toCome, 100);
+    const Differences found =
+        checkPairs(1, lessIfSanitized(240), [](const Model& before, Dice& dice) { return dice.changed(before); });
+    EXPECT_GT(found.inObjects, lessIfSanitized(120));
+    EXPECT_GT(found.toCome, lessIfSanitized(60));
 }
 
 TEST(AccessDiffPropertyTest, CachesThatAreFarApartAreComparedAsByCheckers) {
-    const Differences found = checkPairs(1000, 200, [](const Model&, Dice& dice) { return dice.model(); });
-    EXPECT_GT(found.inObjects, 150);
-    EXPECT_GT(found.toCome, 100);
+    const Differences found =
+        checkPairs(1000, lessIfSanitized(120), [](const Model&, Dice& dice) { return dice.model(); });
+    EXPECT_GT(found.inObjects, lessIfSanitized(90));
+    EXPECT_GT(found.toCome, lessIfSanitized(60));
 }
 
 TEST(AccessDiffPropertyTest, CachesOfTheSameModelDoNotDiffer) {
-    const Differences found = checkPairs(2000, 100, [](const Model& before, Dice&) { return before; });
+    const Differences found = checkPairs(2000, lessIfSanitized(60), [](const Model& before, Dice&) { return before; });
     EXPECT_EQ(found.inObjects, 0);
     EXPECT_EQ(found.toCome, 0);
 }

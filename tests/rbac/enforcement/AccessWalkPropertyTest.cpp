@@ -1,6 +1,7 @@
 #include "rbac/enforcement/AccessWalk.h"
 #include "rbac/enforcement/DiskAccessChecker.h"
 #include "testing/RawCache.h"
+#include "testing/Sanitized.h"
 #include "testing/TemporaryDirectory.h"
 
 #include <rbac/AccessCache.h>
@@ -385,7 +386,7 @@ class AccessWalkProperty : public testing::TestWithParam<unsigned> {};
 TEST_P(AccessWalkProperty, OneDescentAnswersAsLookupsOfEachAncestorDo) {
     SCOPED_TRACE("seed " + std::to_string(GetParam()));
     World world(GetParam());
-    constexpr int QUESTIONS = 4000;
+    constexpr int QUESTIONS = testing_support::lessIfSanitized(4000);
     int allowed = 0;
     for (int i = 0; i < QUESTIONS && !HasFailure(); ++i) {
         allowed += world.check(world.question()) ? 1 : 0;

@@ -3,6 +3,7 @@
 #include "testing/LogCapture.h"
 #include "testing/ProcessState.h"
 #include "testing/RawCache.h"
+#include "testing/Sanitized.h"
 #include "testing/TemporaryDirectory.h"
 
 #include <platform/FileLock.h>
@@ -19,11 +20,7 @@
 #include <thread>
 #include <vector>
 
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
-constexpr int PUBLICATIONS = 40;
-#else
-constexpr int PUBLICATIONS = 150;
-#endif
+constexpr int PUBLICATIONS = testing_support::lessIfSanitized(160);
 
 using Tesmor::Arkwell::Rbac::AccessCache;
 using Tesmor::Arkwell::Rbac::AccessChecker;
