@@ -7,6 +7,7 @@
 #include "sandbox/TokenIssuer.h"
 #include "testing/Flatness.h"
 #include "testing/ProcessFigures.h"
+#include "testing/Sanitized.h"
 #include "testing/SilentLog.h"
 #include "testing/Soak.h"
 
@@ -61,7 +62,7 @@ namespace operations = Tesmor::Arkwell::Rbac::root_namespaces::operations;
 
 namespace {
 
-constexpr std::chrono::seconds IN_CHECK{10};
+constexpr std::chrono::seconds IN_CHECK{testing_support::lessIfSanitized(12)};
 constexpr double SMALLEST_LEAK = 100;  // bytes an operation
 
 // How much of each kind is done in a round. Of none so little that its leak would be lost among the rest.
